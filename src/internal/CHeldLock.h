@@ -1,0 +1,50 @@
+/// @file
+/// @brief Holds a lock to the end of the scope.
+#pragma once
+
+#include "internal/CCancelGuard.h"
+
+#include <pthread.h>
+
+namespace QuorCore
+{
+/**
+ * @brief Holds a CRecursiveLock or CSpinLock; ask it whether the lock was taken.
+ *
+ * Cancellation is deferred as long as it holds, so that a cancelled thread unwinds through the
+ * guard and leaves the lock free.
+ */
+template <class Lock>
+class CHeldLock
+{
+public:
+    explicit CHeldLock(Lock& lock) : m_lock(lock), m_bHeld(lock.iLock() == 0) {}
+    CHeldLock(const CHeldLock&) = delete;
+    CHeldLock& operator=(const CHeldLock&) = delete;
+    ~CHeldLock() noexcept(false)
+    {
+        if (m_bHeld) {
+            m_lock.UnLock();
+        }
+    }
+
+    explicit operator bool() const { return m_bHeld; } ///< False: it was not taken.
+
+private:
+    CDeferredCancel m_deferred; // before the lock is taken, and until it is free
+    Lock& m_lock;
+    const bool m_bHeld;
+};
+
+/// A raw mutex with the calls that CHeldLock makes.
+class CRawMutex
+{
+public:
+    explicit CRawMutex(pthread_mutex_t& mutex) : m_mutex(mutex) {}
+    int iLock() { return pthread_mutex_lock(&m_mutex); }
+    void UnLock() { pthread_mutex_unlock(&m_mutex); }
+
+private:
+    pthread_mutex_t& m_mutex;
+};
+} // namespace QuorCore
