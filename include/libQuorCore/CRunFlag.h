@@ -34,7 +34,8 @@ private:
     friend class CThread;
 
     void AskStop();                 ///< Lowers the flag and keeps it down.
-    void Rearm(CThreadLife* pLife); ///< Lowers it and lets it be raised again; tells @p pLife then.
+    void ForgetStop();              ///< Lets it be raised again: nobody is left who could miss it.
+    void Rearm(CThreadLife* pLife); ///< For a new thread; @p pLife is told when it is raised.
 
     std::atomic<bool> m_bOn{false};
     std::atomic<bool> m_bStopAsked{false};

@@ -67,14 +67,15 @@ private:
     class CCurrent;
 
     void ForgetOrigin(const CObject* pOrigin);
-    CMsg* pTakeNext();
+    CMsg* pTakeNext(size_t& iLeft);
     void Insert(CMsg* pMsg);
     long iDispatch(CMsg* pMsg);
-    void FinishCurrent();
+    void EndCurrent();
 
-    std::list<CMsg*> m_listSpare;             ///< Used list nodes. Guarded by m_RecursiveLock.
-    CMsg* m_pCurrent = nullptr;               ///< Being dispatched. Guarded by m_RecursiveLock.
-    int m_iAwaitingCurrent = 0;               ///< Threads waiting for its end. Same guard.
-    std::condition_variable_any m_dispatched; ///< A dispatch that somebody waits for has ended.
+    std::list<CMsg*> m_listSpare;               ///< Used list nodes. Guarded by m_RecursiveLock.
+    CMsg* m_pCurrent = nullptr;                 ///< Being dispatched. Guarded by m_RecursiveLock.
+    int m_iAwaitingCurrent = 0;                 ///< Threads waiting for its end. Same guard.
+    std::atomic<pthread_t> m_dispatchThread{0}; ///< The thread of the loop.
+    std::condition_variable_any m_dispatched;   ///< A dispatch that somebody waits for has ended.
 };
 } // namespace QuorCore

@@ -154,13 +154,13 @@ protected:
 
 private:
     long iStartThread(bool bAutoDelete);
-    long iAwaitLoop(bool bAutoDelete, int iTimeout, const std::shared_ptr<CThreadLife>& pLife);
-    void GiveUpThread();
+    void AbandonStart(bool bAutoDelete, int iTimeout, CThreadLife& life);
     long iRunHooks();
+    void ExitAfterException();
+    pthread_t iKnownThread();
+    void GiveUpThread();
 
-    std::mutex m_CreateLock; ///< One creation or give-up at a time.
-    std::mutex m_JoinLock;   ///< One joiner at a time: a thread must not be joined twice.
-    std::shared_ptr<CThreadLife>
-        m_pLife; ///< Shared with the thread; outlives an auto-delete object.
+    std::mutex m_JoinLock; ///< One joiner at a time: a thread must not be joined twice.
+    std::shared_ptr<CThreadLife> m_pLife; ///< The thread's too; outlives an auto-delete object.
 };
 } // namespace QuorCore

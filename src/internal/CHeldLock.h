@@ -18,7 +18,12 @@ template <class Lock>
 class CHeldLock
 {
 public:
+    /// Tag of a lock that the caller has taken already.
+    struct adopt_t {
+    };
+
     explicit CHeldLock(Lock& lock) : m_lock(lock), m_bHeld(lock.iLock() == 0) {}
+    CHeldLock(Lock& lock, adopt_t) : m_lock(lock), m_bHeld(true) {}
     CHeldLock(const CHeldLock&) = delete;
     CHeldLock& operator=(const CHeldLock&) = delete;
     ~CHeldLock() noexcept(false)

@@ -1,0 +1,23 @@
+/// @file
+/// @brief The library-wide header: its version, and every public header.
+#pragma once
+
+#include "libQuorCore/CCallbackMap.h"
+#include "libQuorCore/CFileConfig.h"
+#include "libQuorCore/CInvokeCallback.h"
+#include "libQuorCore/CLogger.h"
+#include "libQuorCore/CObject.h"
+#include "libQuorCore/CRunFlag.h"
+#include "libQuorCore/CSerialize.h"
+#include "libQuorCore/CSerializeBuffer.h"
+#include "libQuorCore/CSlotCallback.h"
+#include "libQuorCore/CSlotCallbackManager.h"
+#include "libQuorCore/CThread.h"
+#include "libQuorCore/Export.h"
+#include "libQuorCore/synchro.h"
+
+/// @name Version of the library, as "--lib-quorcore-version" prints it.
+/// @{
+#define QUORCORE_VERSION_MAJOR 2
+#define QUORCORE_VERSION_MINOR 3
+/// @}

@@ -1,0 +1,6 @@
+#include "libQuorCore/CInvokeCallback.h"
+
+namespace QuorCore
+{
+CInvokeCallback::~CInvokeCallback() = default;
+} // namespace QuorCore

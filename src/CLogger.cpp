@@ -1,0 +1,506 @@
+// The name tables of syslog(3), exported under their standard names for the daemons. Defined here,
+// by the system's header, and nowhere else: a public header would define them in every source.
+#define SYSLOG_NAMES
+#include <cstddef> // the tables use NULL and do not declare it
+#pragma GCC visibility push(default)
+#include <syslog.h>
+#pragma GCC visibility pop
+
+#include "libQuorCore/CLogger.h"
+
+#include "internal/CHeldLock.h"
+
+#include "libQuorCore/CFileConfig.h"
+#include "libQuorCore/CObject.h"
+#include "libQuorCore/CThread.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <execinfo.h>
+#include <memory>
+#include <vector>
+
+namespace QuorCore
+{
+namespace
+{
+constexpr const char* kGeneralLabel = "GEN"; // of a thread that registered none
+constexpr unsigned int kDumpMaxBytes = 2048; // hex digits of one dump fit a 4096-character text
+constexpr int kMaxFrames = 32;               // of a backtrace
+
+const int g_iDefaultLogLevel = kDefaultLogLevel;
+
+/// Label of the calling thread in the process-wide logger; points into its label table.
+__thread const char* t_pszLogLabel __attribute__((tls_model("initial-exec"))) = nullptr;
+
+/// Held while a line is composed and written, so that a fork does not copy a lock of the C
+/// library's logger that no thread of the child would ever release.
+pthread_mutex_t g_emitMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_strerrorMutex = PTHREAD_MUTEX_INITIALIZER;
+
+/// Takes the thread from the process-wide logger on every way out, a cancellation included.
+class CRegistration
+{
+public:
+    ~CRegistration()
+    {
+        if (m_bActive) {
+            CThread::m_Logger.CancelLogIdForThread();
+        }
+    }
+    void Set(bool bActive) { m_bActive = bActive; }
+
+private:
+    bool m_bActive = false;
+};
+
+thread_local CRegistration t_registration;
+
+const char* pszOrEmpty(const char* szText)
+{
+    return szText != nullptr ? szText : "";
+}
+
+unsigned long iOwnThreadId()
+{
+    return static_cast<unsigned long>(pthread_self());
+}
+
+void SetLevel(int* piLevel, int iLevel)
+{
+    if (piLevel != nullptr) {
+        __atomic_store_n(piLevel, iLevel, __ATOMIC_RELAXED);
+    }
+}
+
+int iReadLevel(const int* piLevel)
+{
+    return __atomic_load_n(piLevel, __ATOMIC_RELAXED);
+}
+
+template <class Integer>
+void AppendNumber(std::string& szText, Integer iNumber, int iBase = 10)
+{
+    char aDigits[24];
+    const std::to_chars_result end =
+        std::to_chars(std::begin(aDigits), std::end(aDigits), iNumber, iBase);
+    szText.append(aDigits, end.ptr);
+}
+
+std::string szLevelKey(const std::string& szLabel)
+{
+    return "log_level_" + szLabel;
+}
+} // namespace
+
+__thread const int* t_piLogLimit __attribute__((tls_model("initial-exec"))) = &g_iDefaultLogLevel;
+
+CLogger::CLogger() : m_bShowFile(false), m_bShowLine(true), m_bReady(false)
+{
+    pthread_mutexattr_init(&m_Attr);
+    pthread_mutexattr_settype(&m_Attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&m_hMutex, &m_Attr);
+    if (bIsProcessLogger()) {
+        GuardFork();
+    }
+}
+
+CLogger::~CLogger()
+{
+    // First, and seen by every thread that still logs while the process ends: Log() tests it before
+    // it touches anything else.
+    m_bReady = false;
+    closelog();
+    pthread_mutex_destroy(&m_hMutex);
+    pthread_mutexattr_destroy(&m_Attr);
+}
+
+bool CLogger::bIsProcessLogger() const
+{
+    return this == &CThread::m_Logger;
+}
+
+void CLogger::GuardFork()
+{
+    pthread_atfork(PrepareFork, ResumeParent, ResumeChild);
+}
+
+void CLogger::PrepareFork()
+{
+    pthread_mutex_lock(&CThread::m_Logger.m_hMutex);
+    pthread_mutex_lock(&g_emitMutex);
+    pthread_mutex_lock(&g_strerrorMutex);
+}
+
+void CLogger::ResumeParent()
+{
+    pthread_mutex_unlock(&g_strerrorMutex);
+    pthread_mutex_unlock(&g_emitMutex);
+    pthread_mutex_unlock(&CThread::m_Logger.m_hMutex);
+}
+
+void CLogger::ResumeChild()
+{
+    // Made anew rather than released: the recursive one belongs to a thread id of the parent.
+    pthread_mutex_init(&g_strerrorMutex, nullptr);
+    pthread_mutex_init(&g_emitMutex, nullptr);
+    pthread_mutex_init(&CThread::m_Logger.m_hMutex, &CThread::m_Logger.m_Attr);
+}
+
+void CLogger::Init(const char* szIdent)
+{
+    void* pFrame = nullptr;
+    backtrace(&pFrame, 1); // loads what it needs now, not in the middle of a crash
+    openlog(szIdent, LOG_PID, LOG_LOCAL0);
+    m_bReady = true;
+}
+
+void CLogger::SetShowFile(bool bShow)
+{
+    m_bShowFile = bShow;
+}
+
+void CLogger::SetShowLine(bool bShow)
+{
+    m_bShowLine = bShow;
+}
+
+void CLogger::Log(int iLevel, const char* szFile, int iLine, const char* szFunction,
+                  const char* szFormat, ...)
+{
+    if (!m_bReady.load(std::memory_order_relaxed)) {
+        return;
+    }
+    const char* szLabel = kGeneralLabel;
+    int iLimit = kDefaultLogLevel;
+    if (bIsProcessLogger()) { // the thread's own copy of its entries: no lock on the way
+        iLimit = iReadLevel(t_piLogLimit);
+        if (t_pszLogLabel != nullptr) {
+            szLabel = t_pszLogLabel;
+        }
+    } else {
+        bGetLogConfigForThread(szLabel, iLimit);
+    }
+    if (iLevel > iLimit) {
+        return;
+    }
+    va_list args;
+    va_start(args, szFormat);
+    LogEvent(szLabel, iLevel, szFile, iLine, szFunction, 0, szFormat, args);
+    va_end(args);
+}
+
+void CLogger::LogEvent(const char* szLabel, int iLevel, const char* szFile, int iLine,
+                       const char* szFunction, int iErrno, const char* szFormat, va_list args)
+{
+    const int iSavedErrno = errno; // before any call that may change it
+    const CDeferredCancel deferred;
+
+    std::string szLine;
+    szLine.reserve(512);
+    szLine.append(pszOrEmpty(szLabel)).append("(");
+    AppendNumber(szLine, iOwnThreadId(), 16);
+    szLine.append(") -- ").append(pszOrEmpty(szFunction)).append(" / ");
+    if (m_bShowFile) {
+        szLine.append(pszOrEmpty(szFile)).append(" - ");
+    }
+    if (m_bShowLine) {
+        AppendNumber(szLine, iLine);
+        szLine.append(" : ");
+    }
+    if (iErrno != 0) {
+        // The number given and the text of the current errno: they may differ. Meant, and held by
+        // ALogger.NamesTheErrnoGivenAndTheTextOfTheCurrentOne.
+        szLine.append("errno:");
+        AppendNumber(szLine, iErrno);
+        szLine.append(" (").append(strerrorT(iSavedErrno)).append(")\t");
+    }
+    szLine.append(pszOrEmpty(szFormat));
+
+    {
+        CRawMutex emitMutex(g_emitMutex);
+        const CHeldLock<CRawMutex> held(emitMutex);
+        errno = iSavedErrno; // for a "%m" of the caller
+        vsyslog(iLevel, szLine.c_str(), args);
+    }
+    errno = iSavedErrno;
+}
+
+void CLogger::LogHexDump(const char* szFile, int iLine, const char* szFunction, const char* szLabel,
+                         const unsigned char* pData, unsigned int iSize)
+{
+    static constexpr char kDigits[] = "0123456789abcdef";
+    const unsigned int iDumped = iSize > kDumpMaxBytes ? kDumpMaxBytes - 1 : iSize;
+    std::string szText(pszOrEmpty(szLabel));
+    szText.reserve(szText.size() + 16 + 2 * static_cast<size_t>(iDumped));
+    szText.append(" ");
+    AppendNumber(szText, iSize);
+    szText.append(":");
+    if (pData != nullptr) {
+        for (const unsigned char* pByte = pData; pByte != pData + iDumped; ++pByte) {
+            szText.push_back(kDigits[*pByte >> 4]);
+            szText.push_back(kDigits[*pByte & 0x0f]);
+        }
+    }
+    Log(LOG_DEBUG, szFile, iLine, szFunction, "%s", szText.c_str());
+}
+
+void CLogger::WriteBacktrace()
+{
+    const CDeferredCancel deferred;
+    void* aFrames[kMaxFrames];
+    const int iFrames = backtrace(aFrames, kMaxFrames);
+    if (iFrames < 1) {
+        syslog(LOG_NOTICE, "asked for backtrace but got a null size");
+        return;
+    }
+    const std::unique_ptr<char*, decltype(&std::free)> symbols(backtrace_symbols(aFrames, iFrames),
+                                                               &std::free);
+    if (symbols == nullptr) {
+        return; // no memory
+    }
+    char** const aszSymbols = symbols.get();
+    if (iFrames == 1 && std::strcmp(aszSymbols[0], "[(nil)]") == 0) {
+        return;
+    }
+    std::string szText;
+    for (int i = 0; i < iFrames; ++i) {
+        szText.append("\t").append(aszSymbols[i]).append("\n");
+    }
+    CRawMutex emitMutex(g_emitMutex);
+    const CHeldLock<CRawMutex> held(emitMutex);
+    syslog(LOG_EMERG, "%s", szText.c_str());
+}
+
+std::string CLogger::strerrorT(int iErrno)
+{
+    CRawMutex strerrorMutex(g_strerrorMutex);
+    const CHeldLock<CRawMutex> held(strerrorMutex);
+    const char* szText = std::strerror(iErrno);
+    return std::string(pszOrEmpty(szText));
+}
+
+void CLogger::SetLogConfigForThread(const char* szLabel, int* piLevel)
+{
+    CRawMutex mutex(m_hMutex);
+    const CHeldLock<CRawMutex> held(mutex);
+    if (!held) {
+        return;
+    }
+    std::string& szStored = m_LabelTable[iOwnThreadId()];
+    szStored = pszOrEmpty(szLabel);
+    m_levelTable[iOwnThreadId()] = piLevel;
+    if (bIsProcessLogger()) {
+        t_pszLogLabel = szStored.c_str(); // a map's element stays where it is
+        t_piLogLimit = piLevel != nullptr ? piLevel : &g_iDefaultLogLevel;
+        t_registration.Set(true);
+    }
+}
+
+void CLogger::CancelLogIdForThread()
+{
+    if (bIsProcessLogger()) {
+        t_pszLogLabel = nullptr;
+        t_piLogLimit = &g_iDefaultLogLevel;
+    }
+    CRawMutex mutex(m_hMutex);
+    const CHeldLock<CRawMutex> held(mutex);
+    if (!held) {
+        return;
+    }
+    m_LabelTable.erase(iOwnThreadId());
+    m_levelTable.erase(iOwnThreadId());
+}
+
+void CLogger::ForgetLevel(const int* piLevel)
+{
+    if (bIsProcessLogger() && t_piLogLimit == piLevel) {
+        t_pszLogLabel = nullptr;
+        t_piLogLimit = &g_iDefaultLogLevel;
+    }
+    CRawMutex mutex(m_hMutex);
+    const CHeldLock<CRawMutex> held(mutex);
+    if (!held) {
+        return;
+    }
+    for (auto entry = m_levelTable.begin(); entry != m_levelTable.end();) {
+        if (entry->second == piLevel) {
+            m_LabelTable.erase(entry->first);
+            entry = m_levelTable.erase(entry);
+        } else {
+            ++entry;
+        }
+    }
+}
+
+bool CLogger::bGetLogConfigForThread(const char*& szLabel, int& iLevel)
+{
+    CRawMutex mutex(m_hMutex);
+    const CHeldLock<CRawMutex> held(mutex);
+    if (held) {
+        const auto label = m_LabelTable.find(iOwnThreadId());
+        if (label != m_LabelTable.end()) {
+            szLabel = label->second.c_str();
+        }
+        const auto level = m_levelTable.find(iOwnThreadId());
+        if (level != m_levelTable.end() && level->second != nullptr) {
+            iLevel = iReadLevel(level->second);
+        }
+    }
+    return szLabel != nullptr;
+}
+
+void CLogger::SetAllLogLevel(int iLevel)
+{
+    CRawMutex mutex(m_hMutex);
+    const CHeldLock<CRawMutex> held(mutex);
+    if (held) {
+        for (const auto& entry : m_levelTable) {
+            SetLevel(entry.second, iLevel);
+        }
+    }
+}
+
+void CLogger::SetLogLevel(int iIndex, int iLevel)
+{
+    CRawMutex mutex(m_hMutex);
+    const CHeldLock<CRawMutex> held(mutex);
+    if (!held) {
+        return;
+    }
+    int iPosition = 0; // counts threads without a level too, unlike the page's Id. Meant.
+    for (const auto& entry : m_levelTable) {
+        if (iPosition == iIndex) {
+            SetLevel(entry.second, iLevel);
+            return;
+        }
+        ++iPosition;
+    }
+}
+
+void CLogger::SetLogLevel(const uint8_t* pPairs, int iSize)
+{
+    for (int k = 0; pPairs != nullptr && k + 1 < iSize; k += 2) {
+        SetLogLevel(static_cast<int>(pPairs[k]), static_cast<int>(pPairs[k + 1]));
+    }
+}
+
+int CLogger::iGetLogConfigHtml(std::string& szPage, const char* szAction)
+{
+    static constexpr const char* kLevelNames[] = {"emergency", "alert",  "critical", "error",
+                                                  "warning",   "notice", "info",     "debug"};
+    CRawMutex mutex(m_hMutex);
+    {
+        const CHeldLock<CRawMutex> held(mutex);
+        if (held) {
+            szPage = "<!DOCTYPE html><html><head><title>Log ctrl</title></head><body>\n"
+                     "<h2>Log control : ";
+            szPage.append(g_versionFW.szAppName,
+                          strnlen(g_versionFW.szAppName, sizeof(g_versionFW.szAppName)));
+            szPage.append("</h2>\nNumber of sources: ");
+            AppendNumber(szPage, m_levelTable.size());
+            szPage.append("<br>\n<form name=\"logform\" method=\"get\" action=\"");
+            szPage.append(pszOrEmpty(szAction));
+            szPage.append("\">\n<table border=\"1\">\n"
+                          "<tr><th>Id</th><th>Name</th><th>Min Level</th></tr>\n");
+            int iId = 0; // counts the threads that have a level, unlike SetLogLevel(index). Meant.
+            for (const auto& entry : m_levelTable) {
+                if (entry.second == nullptr) {
+                    continue;
+                }
+                const int iCurrent = iReadLevel(entry.second);
+                szPage.append("<tr><td>");
+                AppendNumber(szPage, iId);
+                szPage.append("</td><td>").append(m_LabelTable[entry.first]).append("</td>");
+                szPage.append("<td><select name=min_");
+                AppendNumber(szPage, iId);
+                szPage.append(">");
+                for (int iLevel = LOG_EMERG; iLevel <= LOG_DEBUG; ++iLevel) {
+                    szPage.append("<option value=\"");
+                    AppendNumber(szPage, iLevel);
+                    szPage.append(iLevel == iCurrent ? "\" selected>" : "\">");
+                    AppendNumber(szPage, iLevel);
+                    szPage.append("-").append(kLevelNames[iLevel]).append("</option>");
+                }
+                szPage.append("</select></td>\t\n");
+                ++iId;
+            }
+        }
+    }
+    szPage.append("</table>\n<input type=\"submit\" value=\"Apply\">\n</body></html>\n");
+    return static_cast<int>(szPage.size());
+}
+
+int CLogger::iSetLogLevel(CFileConfig* pConfig)
+{
+    if (pConfig == nullptr) {
+        return 0;
+    }
+    // The configuration is asked without the logger's lock: it may raise, and may wait for its own.
+    std::vector<std::pair<unsigned long, std::string>> labels;
+    CRawMutex mutex(m_hMutex);
+    {
+        const CHeldLock<CRawMutex> held(mutex);
+        if (!held) {
+            return 0;
+        }
+        for (const auto& entry : m_levelTable) {
+            if (entry.second != nullptr) {
+                labels.emplace_back(entry.first, m_LabelTable[entry.first]);
+            }
+        }
+    }
+    for (const auto& label : labels) {
+        const int iLevel =
+            pConfig->iGetParameter(szLevelKey(label.second).c_str(), kDefaultLogLevel);
+        const CHeldLock<CRawMutex> held(mutex);
+        const auto entry = m_levelTable.find(label.first);
+        if (held && entry != m_levelTable.end()) { // the thread may have ended meanwhile
+            SetLevel(entry->second, iLevel);
+        }
+    }
+    return 0;
+}
+
+int CLogger::iGetLogLevel(CFileConfig* pConfig)
+{
+    if (pConfig == nullptr) {
+        return 0;
+    }
+    // Each setter rewrites the file and flushes the disks: not while every log call waits.
+    std::vector<std::pair<std::string, int>> levels;
+    {
+        CRawMutex mutex(m_hMutex);
+        const CHeldLock<CRawMutex> held(mutex);
+        if (!held) {
+            return 0;
+        }
+        for (const auto& entry : m_levelTable) {
+            if (entry.second != nullptr) {
+                levels.emplace_back(m_LabelTable[entry.first], iReadLevel(entry.second));
+            }
+        }
+    }
+    for (const auto& level : levels) {
+        pConfig->SetParameter(szLevelKey(level.first).c_str(), level.second);
+    }
+    return 0;
+}
+
+CFunctionCallLogger::CFunctionCallLogger(int iLevel, const char* szFile, int iLine,
+                                         const char* /*szIgnored*/, const char* szFunctionName)
+    : functionName(pszOrEmpty(szFunctionName)), componentName(pszOrEmpty(szFile)), level(iLevel)
+{
+    CThread::m_Logger.Log(level, componentName.c_str(), iLine, "", "Entering %s()...",
+                          functionName.c_str());
+}
+
+CFunctionCallLogger::~CFunctionCallLogger()
+{
+    CThread::m_Logger.Log(level, componentName.c_str(), 0, "", "Leaving %s()...",
+                          functionName.c_str());
+}
+} // namespace QuorCore
