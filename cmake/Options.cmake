@@ -1,0 +1,35 @@
+# What a builder may choose, and the flags that follow from it.
+
+set(static_by_default OFF)
+if(DEFINED BUILD_SHARED_LIBS AND NOT BUILD_SHARED_LIBS)
+    set(static_by_default ON)
+endif()
+
+option(QUORCORE_STATIC "Build a static library; also chosen by BUILD_SHARED_LIBS=OFF"
+       ${static_by_default})
+option(QUORCORE_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
+option(QUORCORE_EXAMPLES "Build the example daemons" ${PROJECT_IS_TOP_LEVEL})
+option(QUORCORE_BENCH "Build the benchmarks" OFF)
+option(QUORCORE_WERROR "Let a compiler warning fail the build" OFF)
+set(QUORCORE_SANITIZE "" CACHE STRING "Sanitizers for all code, as 'address,undefined' or 'thread'")
+
+if(QUORCORE_SANITIZE)
+    # For the whole build: a race or a leak is seen only if every object was instrumented.
+    add_compile_options(-fsanitize=${QUORCORE_SANITIZE} -fno-sanitize-recover=all
+                        -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${QUORCORE_SANITIZE})
+endif()
+
+# Gives a target of ours the flags that all of our code is compiled with.
+function(quorcore_compile_strictly target)
+    target_compile_options(
+        ${target}
+        PRIVATE -Wall
+                -Wextra
+                -Wpedantic
+                -Wshadow
+                -Wconversion
+                $<$<BOOL:${QUORCORE_WERROR}>:-Werror>
+                # 32-bit ARM: a backtrace ends at the first function without unwind tables.
+                -funwind-tables)
+endfunction()

@@ -1,0 +1,45 @@
+# The rules by which a new file becomes a program without an edit of any CMakeLists.txt.
+
+# One program of the source tree, using the library as a user would.
+function(quorcore_add_program name)
+    add_executable(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE QuorCore::QuorCore)
+    quorcore_compile_strictly(${name})
+endfunction()
+
+# FOLDER/NAME.cpp and FOLDER/NAME/*.cpp each become the program NAME. A subfolder with a
+# CMakeLists.txt of its own is left to that.
+function(quorcore_add_programs folder)
+    set(dir ${PROJECT_SOURCE_DIR}/${folder})
+    set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${folder})
+    file(GLOB files CONFIGURE_DEPENDS ${dir}/*.cpp)
+    foreach(file IN LISTS files)
+        get_filename_component(name ${file} NAME_WE)
+        quorcore_add_program(${name} ${file})
+    endforeach()
+    # Listed in one go: CMake looks again when a file comes or goes anywhere below the folder.
+    file(GLOB nested CONFIGURE_DEPENDS ${dir}/*/CMakeLists.txt ${dir}/*/*.cpp)
+    set(subfolders ${nested})
+    list(TRANSFORM subfolders REPLACE "/[^/]+$" "")
+    list(REMOVE_DUPLICATES subfolders)
+    foreach(subfolder IN LISTS subfolders)
+        if(EXISTS ${subfolder}/CMakeLists.txt)
+            add_subdirectory(${subfolder})
+        else()
+            get_filename_component(name ${subfolder} NAME)
+            file(GLOB sources CONFIGURE_DEPENDS ${subfolder}/*.cpp)
+            quorcore_add_program(${name} ${sources})
+        endif()
+    endforeach()
+endfunction()
+
+# FOLDER/NAMEBench.cpp becomes the benchmark NAMEBench.
+function(quorcore_add_benches folder)
+    set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${folder})
+    file(GLOB files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*Bench.cpp)
+    foreach(file IN LISTS files)
+        get_filename_component(name ${file} NAME_WE)
+        quorcore_add_program(${name} ${file})
+        target_link_libraries(${name} PRIVATE benchmark::benchmark_main)
+    endforeach()
+endfunction()
