@@ -30,6 +30,8 @@ function(quorcore_compile_strictly target)
                 -Wshadow
                 -Wconversion
                 $<$<BOOL:${QUORCORE_WERROR}>:-Werror>
+                # A log line names its source as "../src/X.cpp", wherever it was built.
+                -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=../
                 # 32-bit ARM: a backtrace ends at the first function without unwind tables.
                 -funwind-tables)
 endfunction()
