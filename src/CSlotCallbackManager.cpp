@@ -2,6 +2,7 @@
 
 #include "internal/CDispatcherGate.h"
 #include "internal/CHeldLock.h"
+#include "internal/CWaitableLock.h"
 #include "internal/Clock.h"
 
 #include <algorithm>
@@ -19,18 +20,6 @@ constexpr long kWakeUpMs = 1000;     // the loop looks after a stop this often
 constexpr int64_t kLockRetryMs = 10; // a lock that cannot be taken is tried again
 constexpr size_t kSpareNodes = 256;  // list nodes kept for the next messages
 constexpr long kNoDispatcher = -5;
-
-/// The queue's lock with the calls of a standard lock, for waiting with it.
-class CWaitableLock
-{
-public:
-    explicit CWaitableLock(CRecursiveLock& lock) : m_lock(lock) {}
-    void lock() { m_lock.iLock(); }
-    void unlock() { m_lock.UnLock(); }
-
-private:
-    CRecursiveLock& m_lock;
-};
 } // namespace
 
 /// Ends the current message on every way out of the loop, a cancellation included.

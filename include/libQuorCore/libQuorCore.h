@@ -3,10 +3,15 @@
 #pragma once
 
 #include "libQuorCore/CCallbackMap.h"
+#include "libQuorCore/CCoreApp.h"
 #include "libQuorCore/CFileConfig.h"
+#include "libQuorCore/CFileNotification.h"
 #include "libQuorCore/CInvokeCallback.h"
 #include "libQuorCore/CLogger.h"
 #include "libQuorCore/CObject.h"
+#include "libQuorCore/CPipe.h"
+#include "libQuorCore/CProcess.h"
+#include "libQuorCore/CProcessManager.h"
 #include "libQuorCore/CRunFlag.h"
 #include "libQuorCore/CSerialize.h"
 #include "libQuorCore/CSerializeBuffer.h"
@@ -14,6 +19,7 @@
 #include "libQuorCore/CSlotCallbackManager.h"
 #include "libQuorCore/CThread.h"
 #include "libQuorCore/Export.h"
+#include "libQuorCore/process_cap.h"
 #include "libQuorCore/synchro.h"
 
 /// @name Version of the library, as "--lib-quorcore-version" prints it.

@@ -1,0 +1,158 @@
+#include "internal/CChildReaper.h"
+
+#include "internal/CCancelGuard.h"
+
+#include <cerrno>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace QuorCore
+{
+CChildReaper& CChildReaper::Get()
+{
+    static CChildReaper* const s_pReaper =
+        new CChildReaper; // a signal may come after all else ended
+    return *s_pReaper;
+}
+
+void CChildReaper::Start(const void* pUser, lost_t lost)
+{
+    const std::lock_guard<std::mutex> held(m_startLock);
+    m_pUser = pUser;
+    m_lost = lost;
+    if (m_thread.joinable()) {
+        return;
+    }
+    if (!m_bWakeMade) {
+        m_bWakeMade = sem_init(&m_wake, 0, 0) == 0;
+    }
+    m_bRun = true;
+
+    sigset_t all;
+    sigset_t former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &former); // inherited by the thread
+    m_thread = std::thread([this] { RunThread(); });
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+
+    struct sigaction action = {}; // no flags, empty mask
+    action.sa_handler = OnSignal;
+    sigaction(SIGCHLD, &action, &m_former);
+    sem_post(&m_wake); // for children that ended before
+}
+
+void CChildReaper::Stop(const void* pUser)
+{
+    const std::lock_guard<std::mutex> held(m_startLock);
+    if (!m_thread.joinable() || m_pUser != pUser) {
+        return;
+    }
+    struct sigaction current = {};
+    if (sigaction(SIGCHLD, nullptr, &current) == 0 && current.sa_handler == OnSignal) {
+        sigaction(SIGCHLD, &m_former, nullptr); // the daemon may have put its own there since
+    }
+    m_bRun = false;
+    sem_post(&m_wake);
+    m_thread.join();
+    m_lost = nullptr;
+}
+
+void CChildReaper::OnSignal(int)
+{
+    const int iSavedErrno = errno;
+    sem_post(&Get().m_wake);
+    errno = iSavedErrno;
+}
+
+void CChildReaper::RunThread()
+{
+    while (m_bRun) {
+        if (sem_wait(&m_wake) == 0) {
+            Reap();
+        }
+    }
+}
+
+void CChildReaper::Reap()
+{
+    const CDeferredCancel deferred;
+    while (m_lost.load() != nullptr && bReapOne()) {
+    }
+}
+
+/// @return Whether there was a child to collect.
+bool CChildReaper::bReapOne()
+{
+    pid_t pid = -1;
+    int iStatus = 0;
+    {
+        const std::lock_guard<std::mutex> held(m_lock);
+        pid = waitpid(-1, &iStatus, WNOHANG);
+        if (pid <= 0) {
+            return false;
+        }
+        const auto claim = m_claims.find(pid);
+        if (claim != m_claims.end()) {
+            claim->second.bCollected = true;
+            claim->second.bDelivering = true;
+            claim->second.iStatus = iStatus;
+            claim->second.deliverer = std::this_thread::get_id();
+        }
+    }
+    const lost_t lost = m_lost;
+    const bool bDelivered = lost != nullptr && lost(pid, iStatus);
+
+    const std::lock_guard<std::mutex> held(m_lock);
+    const auto claim = m_claims.find(pid);
+    if (claim != m_claims.end()) {
+        if (bDelivered) {
+            m_claims.erase(claim);
+        } else {
+            claim->second.bDelivering = false; // kept for who claimed it
+        }
+        m_delivered.notify_all();
+    }
+    return true;
+}
+
+pid_t CChildReaper::iForkClaimed()
+{
+    const CDeferredCancel deferred;
+    const std::lock_guard<std::mutex> held(m_lock);
+    const pid_t pid = fork();
+    if (pid > 0) {
+        m_claims[pid] = claim_t();
+    }
+    return pid;
+}
+
+void CChildReaper::Forget(pid_t pid)
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    m_claims.erase(pid);
+    m_delivered.notify_all();
+}
+
+CChildReaper::eEnd CChildReaper::Take(pid_t pid, int& iStatus)
+{
+    std::unique_lock<std::mutex> held(m_lock);
+    for (;;) {
+        const auto claim = m_claims.find(pid);
+        if (claim == m_claims.end()) {
+            return eEnd::DELIVERED;
+        }
+        if (!claim->second.bCollected) {
+            return eEnd::UNKNOWN;
+        }
+        if (!claim->second.bDelivering) {
+            iStatus = claim->second.iStatus;
+            m_claims.erase(claim);
+            return eEnd::COLLECTED;
+        }
+        if (claim->second.deliverer == std::this_thread::get_id()) {
+            return eEnd::DELIVERED; // asked from within the delivery
+        }
+        m_delivered.wait(held);
+    }
+}
+} // namespace QuorCore
