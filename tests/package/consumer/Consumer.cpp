@@ -1,0 +1,6 @@
+#include <libQuorCore/libQuorCore.h>
+
+int main()
+{
+    return 0;
+}
