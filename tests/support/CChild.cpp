@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace TestSupport
 {
@@ -27,16 +28,29 @@ void Check(int iResult, const char* pszCall)
     }
 }
 
+struct Pipe {
+    QuorCore::CUniqueFd readEnd; ///< Non-blocking.
+    QuorCore::CUniqueFd writeEnd;
+};
+
+Pipe NewPipe()
+{
+    std::array<int, 2> ends = {-1, -1};
+    Check(pipe2(ends.data(), O_CLOEXEC), "pipe2");
+    Pipe pipe{QuorCore::CUniqueFd(ends[0]), QuorCore::CUniqueFd(ends[1])};
+    Check(fcntl(ends[0], F_SETFL, O_NONBLOCK), "fcntl");
+    return pipe;
+}
+
 // Appends what the pipe holds at the moment. At its end the pipe is closed.
-void ReadAvailable(int& iPipe, std::string& szText)
+void ReadAvailable(QuorCore::CUniqueFd& pipe, std::string& szText)
 {
     std::array<char, kChunkBytes> chunk;
     ssize_t lRead = 0;
-    while (iPipe != -1 && (lRead = read(iPipe, chunk.data(), chunk.size())) != -1) {
+    while (pipe && (lRead = read(pipe.iGet(), chunk.data(), chunk.size())) != -1) {
         szText.append(chunk.data(), static_cast<size_t>(lRead));
         if (lRead == 0) {
-            close(iPipe);
-            iPipe = -1;
+            pipe.Reset();
         }
     }
 }
@@ -59,32 +73,21 @@ void ReadAvailable(int& iPipe, std::string& szText)
 
 CChild::CChild(const std::function<int()>& function)
 {
-    std::array<int, 2> output = {-1, -1};
-    std::array<int, 2> errors = {-1, -1};
-    Check(pipe2(output.data(), O_CLOEXEC), "pipe2");
-    Check(pipe2(errors.data(), O_CLOEXEC), "pipe2");
+    Pipe output = NewPipe();
+    Pipe errors = NewPipe();
     fflush(nullptr); // or the child would write the test's buffered text a second time
     m_iPid = fork();
     Check(m_iPid, "fork");
     if (m_iPid == 0) {
-        RunAndExit(function, output[1], errors[1]);
+        RunAndExit(function, output.writeEnd.iGet(), errors.writeEnd.iGet());
     }
-    close(output[1]);
-    close(errors[1]);
-    m_iOutputPipe = output[0];
-    m_iErrorsPipe = errors[0];
-    Check(fcntl(m_iOutputPipe, F_SETFL, O_NONBLOCK), "fcntl");
-    Check(fcntl(m_iErrorsPipe, F_SETFL, O_NONBLOCK), "fcntl");
+    m_OutputPipe = std::move(output.readEnd);
+    m_ErrorsPipe = std::move(errors.readEnd);
 }
 
 CChild::~CChild()
 {
     Await(0);
-    for (const int iPipe : {m_iOutputPipe, m_iErrorsPipe}) {
-        if (iPipe != -1) { // a grandchild still has the other end
-            close(iPipe);
-        }
-    }
 }
 
 void CChild::Signal(int iSignal) const
@@ -139,10 +142,11 @@ bool CChild::bRunning()
 
 void CChild::CollectOutput(int iWaitMs)
 {
-    std::array<pollfd, 2> pipes = {{{m_iOutputPipe, POLLIN, 0}, {m_iErrorsPipe, POLLIN, 0}}};
+    std::array<pollfd, 2> pipes = {
+        {{m_OutputPipe.iGet(), POLLIN, 0}, {m_ErrorsPipe.iGet(), POLLIN, 0}}};
     poll(pipes.data(), pipes.size(), iWaitMs); // a pipe that was closed, -1, is left out: poll(2)
-    ReadAvailable(m_iOutputPipe, m_szOutput);
-    ReadAvailable(m_iErrorsPipe, m_szErrors);
+    ReadAvailable(m_OutputPipe, m_szOutput);
+    ReadAvailable(m_ErrorsPipe, m_szErrors);
 }
 
 ChildResult RunInChild(const std::function<int()>& function, int iLimitMs)

@@ -2,6 +2,7 @@
 /// @brief Child processes, whose output and end a test looks at.
 #pragma once
 
+#include "internal/CUniqueFd.h"
 #include "support/CDeadline.h"
 
 #include <functional>
@@ -57,11 +58,11 @@ private:
     void CollectOutput(int iWaitMs);
 
     pid_t m_iPid = -1;
-    int m_iStatus = 0;      ///< Of waitpid(2), once the child was collected.
-    bool m_bEnded = false;  ///< The child was collected.
-    int m_iOutputPipe = -1; ///< Read end, non-blocking.
-    int m_iErrorsPipe = -1; ///< Read end, non-blocking.
-    std::string m_szOutput; ///< What came through the pipes so far.
+    int m_iStatus = 0;                ///< Of waitpid(2), once the child was collected.
+    bool m_bEnded = false;            ///< The child was collected.
+    QuorCore::CUniqueFd m_OutputPipe; ///< Read end, non-blocking.
+    QuorCore::CUniqueFd m_ErrorsPipe; ///< Read end, non-blocking.
+    std::string m_szOutput;           ///< What came through the pipes so far.
     std::string m_szErrors;
 };
 

@@ -6,8 +6,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
-#include <unistd.h>
-#include <utility>
 
 namespace TestSupport
 {
@@ -22,11 +20,11 @@ void Check(int iResult, const char* pszCall)
     }
 }
 
-int iNewSocket()
+QuorCore::CUniqueFd NewSocket()
 {
-    const int iFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    Check(iFd, "socket");
-    return iFd;
+    QuorCore::CUniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Check(fd.iGet(), "socket");
+    return fd;
 }
 
 sockaddr_in LoopbackAddress(int iPort)
@@ -52,13 +50,6 @@ int iPortOf(int iFd)
     return ntohs(address.sin_port);
 }
 
-void CloseFd(int& iFd)
-{
-    if (iFd != -1) {
-        close(std::exchange(iFd, -1));
-    }
-}
-
 // True: ready for events, or at an end, which the next call on the socket tells.
 bool bReady(int iFd, short events, const CDeadline& deadline)
 {
@@ -76,63 +67,57 @@ bool bReady(int iFd, short events, const CDeadline& deadline)
 
 int iFreePort()
 {
-    int iFd = iNewSocket();
-    Bind(iFd, 0);
-    const int iPort = iPortOf(iFd);
-    CloseFd(iFd);
-    return iPort;
-}
-
-CTcpPeer::~CTcpPeer()
-{
-    StopListening();
-    Close();
+    const QuorCore::CUniqueFd fd = NewSocket();
+    Bind(fd.iGet(), 0);
+    return iPortOf(fd.iGet());
 }
 
 void CTcpPeer::Listen(int iPort)
 {
     StopListening();
-    m_iListener = iNewSocket();
+    m_Listener = NewSocket();
     const int iOn = 1; // a port of before may still have connections in TIME_WAIT
-    Check(setsockopt(m_iListener, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn)), "setsockopt");
-    Bind(m_iListener, iPort);
-    Check(listen(m_iListener, kBacklog), "listen");
+    Check(setsockopt(m_Listener.iGet(), SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn)), "setsockopt");
+    Bind(m_Listener.iGet(), iPort);
+    Check(listen(m_Listener.iGet(), kBacklog), "listen");
 }
 
 void CTcpPeer::StopListening()
 {
-    CloseFd(m_iListener);
+    m_Listener.Reset();
 }
 
 int CTcpPeer::iPort() const
 {
-    return iPortOf(m_iListener != -1 ? m_iListener : m_iSocket);
+    return iPortOf(m_Listener ? m_Listener.iGet() : m_Socket.iGet());
 }
 
 bool CTcpPeer::bAccept(int iLimitMs)
 {
     Close();
     const CDeadline deadline(iLimitMs);
-    while (m_iSocket == -1 && bReady(m_iListener, POLLIN, deadline)) {
-        m_iSocket = accept4(m_iListener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    while (!m_Socket && bReady(m_Listener.iGet(), POLLIN, deadline)) {
+        m_Socket.Reset(accept4(m_Listener.iGet(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     }
-    return m_iSocket != -1;
+    return static_cast<bool>(m_Socket);
 }
 
 bool CTcpPeer::bConnect(int iPort, int iLimitMs)
 {
     Close();
-    m_iSocket = iNewSocket();
+    m_Socket = NewSocket();
     const sockaddr_in address = LoopbackAddress(iPort);
     int iError = 0;
-    if (connect(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
+    if (connect(m_Socket.iGet(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+        -1) {
         iError = errno;
     }
     if (iError == EINPROGRESS) {
         iError = ETIMEDOUT;
-        if (bReady(m_iSocket, POLLOUT, CDeadline(iLimitMs))) {
+        if (bReady(m_Socket.iGet(), POLLOUT, CDeadline(iLimitMs))) {
             socklen_t length = sizeof(iError);
-            Check(getsockopt(m_iSocket, SOL_SOCKET, SO_ERROR, &iError, &length), "getsockopt");
+            Check(getsockopt(m_Socket.iGet(), SOL_SOCKET, SO_ERROR, &iError, &length),
+                  "getsockopt");
         }
     }
     if (iError != 0) {
@@ -146,9 +131,9 @@ bool CTcpPeer::bSend(const std::string& szBytes, int iLimitMs)
 {
     const CDeadline deadline(iLimitMs);
     size_t sent = 0;
-    while (sent < szBytes.size() && bReady(m_iSocket, POLLOUT, deadline)) {
+    while (sent < szBytes.size() && bReady(m_Socket.iGet(), POLLOUT, deadline)) {
         const ssize_t lSent =
-            send(m_iSocket, szBytes.data() + sent, szBytes.size() - sent, MSG_NOSIGNAL);
+            send(m_Socket.iGet(), szBytes.data() + sent, szBytes.size() - sent, MSG_NOSIGNAL);
         if (lSent == -1 && errno != EAGAIN) {
             return false;
         }
@@ -162,8 +147,8 @@ std::string CTcpPeer::szReceive(size_t size, int iLimitMs)
     const CDeadline deadline(iLimitMs);
     std::string szBytes(size, '\0');
     size_t received = 0;
-    while (received < size && bReady(m_iSocket, POLLIN, deadline)) {
-        const ssize_t lReceived = recv(m_iSocket, &szBytes[received], size - received, 0);
+    while (received < size && bReady(m_Socket.iGet(), POLLIN, deadline)) {
+        const ssize_t lReceived = recv(m_Socket.iGet(), &szBytes[received], size - received, 0);
         if (lReceived == 0 || (lReceived == -1 && errno != EAGAIN)) {
             break;
         }
@@ -175,28 +160,28 @@ std::string CTcpPeer::szReceive(size_t size, int iLimitMs)
 
 bool CTcpPeer::bReceiveEof(int iLimitMs)
 {
-    if (!bReady(m_iSocket, POLLIN, CDeadline(iLimitMs))) {
+    if (!bReady(m_Socket.iGet(), POLLIN, CDeadline(iLimitMs))) {
         return false;
     }
     char cByte = 0;
-    const ssize_t lReceived = recv(m_iSocket, &cByte, 1, MSG_PEEK);
+    const ssize_t lReceived = recv(m_Socket.iGet(), &cByte, 1, MSG_PEEK);
     return lReceived == 0 || (lReceived == -1 && errno == ECONNRESET);
 }
 
 void CTcpPeer::EndSending()
 {
-    Check(shutdown(m_iSocket, SHUT_WR), "shutdown");
+    Check(shutdown(m_Socket.iGet(), SHUT_WR), "shutdown");
 }
 
 void CTcpPeer::Close()
 {
-    CloseFd(m_iSocket);
+    m_Socket.Reset();
 }
 
 void CTcpPeer::Reset()
 {
     const linger abortively = {1, 0}; // on, with no time to linger: socket(7)
-    Check(setsockopt(m_iSocket, SOL_SOCKET, SO_LINGER, &abortively, sizeof(abortively)),
+    Check(setsockopt(m_Socket.iGet(), SOL_SOCKET, SO_LINGER, &abortively, sizeof(abortively)),
           "setsockopt");
     Close();
 }

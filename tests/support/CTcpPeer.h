@@ -2,6 +2,7 @@
 /// @brief The other side of a TCP connection, under the control of a test.
 #pragma once
 
+#include "internal/CUniqueFd.h"
 #include "support/CDeadline.h"
 
 #include <cstddef>
@@ -16,18 +17,14 @@ int iFreePort();
 /**
  * @brief A raw TCP listener or client on 127.0.0.1 with at most one connection at a time.
  *
- * Bytes are strings. Every wait has a limit. Descriptors are close-on-exec, no call raises SIGPIPE.
- * Threads: one at a time. Errors: what cannot go wrong in a working test (no socket, port taken)
- * throws std::system_error, the rest is told by the result. Rests on tcp(7).
+ * Bytes are strings. Owns its descriptors. Every wait has a limit. Descriptors are close-on-exec,
+ * no call raises SIGPIPE. Threads: one at a time. Errors: what cannot go wrong in a working test
+ * (no socket, port taken) throws std::system_error, the rest is told by the result. Rests on
+ * tcp(7).
  */
 class CTcpPeer
 {
 public:
-    CTcpPeer() = default;
-    CTcpPeer(const CTcpPeer&) = delete;
-    CTcpPeer& operator=(const CTcpPeer&) = delete;
-    ~CTcpPeer(); ///< Closes both sockets.
-
     /// @brief Begins to listen; connections are made from here on, even before bAccept().
     /// @param iPort  Port to take, as one that was listened on before; 0 lets the kernel choose.
     void Listen(int iPort = 0);
@@ -61,10 +58,10 @@ public:
     void Reset();      ///< Closes it with a reset, so that the other side fails with ECONNRESET.
 
     /// @return The connection's descriptor for socket options, -1 without one. Stays the peer's.
-    int iSocket() const { return m_iSocket; }
+    int iSocket() const { return m_Socket.iGet(); }
 
 private:
-    int m_iListener = -1;
-    int m_iSocket = -1;
+    QuorCore::CUniqueFd m_Listener;
+    QuorCore::CUniqueFd m_Socket;
 };
 } // namespace TestSupport

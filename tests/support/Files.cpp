@@ -1,5 +1,7 @@
 #include "support/Files.h"
 
+#include "internal/CUniqueFd.h"
+
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
@@ -12,45 +14,42 @@ namespace
 {
 constexpr size_t kChunkBytes = 64 * 1024;
 
-int iOpen(const std::string& szPath, int iFlags)
+[[noreturn]] void Throw(const std::string& szCall)
 {
-    const int iFd = open(szPath.c_str(), iFlags | O_CLOEXEC, 0644);
-    if (iFd == -1) {
-        throw std::system_error(errno, std::generic_category(), "open " + szPath);
-    }
-    return iFd;
+    throw std::system_error(errno, std::generic_category(), szCall);
 }
 
-void CloseAndThrow(int iFd, const std::string& szCall)
+QuorCore::CUniqueFd Open(const std::string& szPath, int iFlags)
 {
-    const int iError = errno;
-    close(iFd);
-    throw std::system_error(iError, std::generic_category(), szCall);
+    QuorCore::CUniqueFd fd(open(szPath.c_str(), iFlags | O_CLOEXEC, 0644));
+    if (!fd) {
+        Throw("open " + szPath);
+    }
+    return fd;
 }
 } // namespace
 
 std::string szReadFile(const std::string& szPath)
 {
-    const int iFd = iOpen(szPath, O_RDONLY);
+    const QuorCore::CUniqueFd fd = Open(szPath, O_RDONLY);
     std::string szContent;
     std::array<char, kChunkBytes> chunk;
     ssize_t lRead = 0;
-    while ((lRead = read(iFd, chunk.data(), chunk.size())) > 0) {
+    while ((lRead = read(fd.iGet(), chunk.data(), chunk.size())) > 0) {
         szContent.append(chunk.data(), static_cast<size_t>(lRead));
     }
     if (lRead == -1) {
-        CloseAndThrow(iFd, "read " + szPath);
+        Throw("read " + szPath);
     }
-    close(iFd);
     return szContent;
 }
 
 void WriteFile(const std::string& szPath, const std::string& szContent)
 {
-    const int iFd = iOpen(szPath, O_WRONLY | O_CREAT | O_TRUNC);
-    if (write(iFd, szContent.data(), szContent.size()) != static_cast<ssize_t>(szContent.size())) {
-        CloseAndThrow(iFd, "write " + szPath);
+    const QuorCore::CUniqueFd fd = Open(szPath, O_WRONLY | O_CREAT | O_TRUNC);
+    const ssize_t lWritten = write(fd.iGet(), szContent.data(), szContent.size());
+    if (lWritten != static_cast<ssize_t>(szContent.size())) {
+        Throw("write " + szPath);
     }
-    close(iFd);
 }
 } // namespace TestSupport
