@@ -229,6 +229,9 @@ void CSlotCallbackManager::ForgetOrigin(const CObject* pOrigin)
 long CSlotCallbackManager::iStop(bool bJoin, bool bCancel)
 {
     m_bRun = false;
+    if (m_threadId != 0) {
+        m_newMsgEvent.iSetEvent(); // so that the loop looks now; a count too many is an empty pass
+    }
     return CThread::iStop(bJoin, bCancel);
 }
 } // namespace QuorCore

@@ -56,7 +56,8 @@ public:
     void RemoveAllMsg(); ///< Empties the queue; deletes the messages that are the dispatcher's.
 
     long iRunThread() override;
-    long iStop(bool bJoin, bool bCancel) override; ///< Noticed by the loop within a second.
+    long iStop(bool bJoin,
+               bool bCancel) override; ///< Wakes the loop; queued messages still go out.
 
 protected:
     std::list<CMsg*> m_listMsg; ///< Front is next. Guarded by m_RecursiveLock.
