@@ -2,7 +2,6 @@
 
 #include "internal/CDispatcherGate.h"
 #include "internal/CHeldLock.h"
-#include "internal/CWaitableLock.h"
 #include "internal/Clock.h"
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <exception>
 #include <iostream>
 #include <new>
+#include <utility>
 
 namespace QuorCore
 {
@@ -18,21 +18,35 @@ namespace
 {
 constexpr long kWakeUpMs = 1000;     // the loop looks after a stop this often
 constexpr int64_t kLockRetryMs = 10; // a lock that cannot be taken is tried again
-constexpr size_t kSpareNodes = 256;  // list nodes kept for the next messages
+constexpr size_t kSpareNodes = 512;  // list nodes kept for the next messages
 constexpr long kNoDispatcher = -5;
+
+void DeleteOwned(const CMsg* pMsg)
+{
+    if (pMsg != nullptr && pMsg->m_bDoDelete) {
+        delete pMsg;
+    }
+}
 } // namespace
 
-/// Ends the current message on every way out of the loop, a cancellation included.
-class CSlotCallbackManager::CCurrent
+/// Ends the current message and gives the rest of the batch back on every way out of the loop, a
+/// cancellation included.
+class CSlotCallbackManager::CBatch
 {
 public:
-    explicit CCurrent(CSlotCallbackManager& manager) : m_manager(manager) {}
-    CCurrent(const CCurrent&) = delete;
-    CCurrent& operator=(const CCurrent&) = delete;
-    ~CCurrent() noexcept(false)
+    explicit CBatch(CSlotCallbackManager& manager) : m_manager(manager) {}
+    CBatch(const CBatch&) = delete;
+    CBatch& operator=(const CBatch&) = delete;
+    ~CBatch() noexcept(false)
     {
-        const CHeldLock<CRecursiveLock> held(m_manager.m_RecursiveLock);
-        m_manager.EndCurrent();
+        const CMsg* pDone = nullptr;
+        {
+            const CHeldLock<CRecursiveLock> held(m_manager.m_RecursiveLock);
+            const std::lock_guard<std::mutex> batchHeld(m_manager.m_batchLock);
+            pDone = m_manager.pChangeCurrent(nullptr);
+            m_manager.ReturnBatch();
+        }
+        DeleteOwned(pDone);
     }
 
 private:
@@ -65,6 +79,9 @@ long CSlotCallbackManager::iPost(CMsg* pMsg)
             pMsg->m_pOrigin->m_bPosted.store(true, std::memory_order_relaxed);
         }
         Insert(pMsg);
+        if (pMsg->m_iPriority != 0) {
+            m_bUrgent = true;
+        }
     }
     const long lResult = m_newMsgEvent.iSetEvent();
     if (lResult < 0) {
@@ -103,82 +120,127 @@ long CSlotCallbackManager::iPost(CObject* pOrigin, uint32_t iEventId, uint32_t i
 
 bool CSlotCallbackManager::bIsQueued(const CObject* pOrigin, uint32_t iEventId)
 {
+    const auto isWanted = [=](const CMsg* pMsg) {
+        return pMsg != nullptr && pMsg->m_pOrigin == pOrigin && pMsg->m_iEventId == iEventId &&
+               pMsg->m_pData == nullptr;
+    };
     const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
-    return held && std::any_of(m_listMsg.begin(), m_listMsg.end(), [=](const CMsg* pMsg) {
-               return pMsg != nullptr && pMsg->m_pOrigin == pOrigin &&
-                      pMsg->m_iEventId == iEventId && pMsg->m_pData == nullptr;
-           });
+    const std::lock_guard<std::mutex> batchHeld(m_batchLock);
+    return held && (std::any_of(m_batch.begin(), m_batch.end(), isWanted) ||
+                    std::any_of(m_listMsg.begin(), m_listMsg.end(), isWanted));
 }
 
 void CSlotCallbackManager::RemoveAllMsg()
 {
-    const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
-    if (!held) {
-        return;
-    }
-    for (const CMsg* pMsg : m_listMsg) {
-        if (pMsg != nullptr && pMsg->m_bDoDelete) {
-            delete pMsg;
+    std::list<CMsg*> removed;
+    {
+        const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
+        if (!held) {
+            return;
         }
+        const std::lock_guard<std::mutex> batchHeld(m_batchLock);
+        removed.splice(removed.end(), m_batch);
+        removed.splice(removed.end(), m_listMsg);
     }
-    m_listMsg.clear();
+    for (const CMsg* pMsg : removed) {
+        DeleteOwned(pMsg);
+    }
 }
 
 long CSlotCallbackManager::iRunThread()
 {
     const CDeferredCancel deferred;
     long lResult = 0;
-    m_dispatchThread = pthread_self();
+    {
+        const std::lock_guard<std::mutex> batchHeld(m_batchLock);
+        m_dispatchThread = pthread_self();
+    }
+    const CBatch batch(*this);
     m_bRun = true;
     while (m_bRun) {
-        if (m_newMsgEvent.iWaitForEvent(kWakeUpMs) != 0) {
-            continue;
-        }
-        // The counts of messages that are about to be taken; never after taking them, which would
-        // drop the count of one that came in between.
-        m_newMsgEvent.iResetEvent();
-        const CCurrent current(*this);
-        size_t iLeft = SIZE_MAX;
-        while (CMsg* const pMsg = pTakeNext(iLeft)) {
-            lResult = iDispatch(pMsg);
+        if (m_newMsgEvent.iWaitForEvent(kWakeUpMs) == 0) {
+            // The counts of messages that are about to be taken; never after taking them, which
+            // would drop the count of one that came in between.
+            m_newMsgEvent.iResetEvent();
+            DispatchQueued(lResult);
         }
     }
+    DispatchQueued(lResult); // what the stop found; slots that go on posting keep nothing alive
     m_bRun = false;
     return lResult;
 }
 
-/**
- * Ends the current message and takes the next.
- * @param iLeft  Messages that may still be taken. A stop sets it to those that are queued then:
- * they are dispatched, but slots that go on posting do not keep the loop alive.
- * @return The next message, now the current one; null when there is none to take.
- */
-CMsg* CSlotCallbackManager::pTakeNext(size_t& iLeft)
+void CSlotCallbackManager::DispatchQueued(long& lResult)
+{
+    TakeBatch();
+    while (CMsg* const pMsg = pTakeNext()) {
+        lResult = iDispatch(pMsg);
+    }
+}
+
+/// Takes all that is queued in one go: posting and dispatching then seldom meet at the lock.
+void CSlotCallbackManager::TakeBatch()
 {
     for (;;) {
         const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
-        if (!held) {
-            SleepMs(kLockRetryMs);
-            continue;
+        if (held) {
+            const std::lock_guard<std::mutex> batchHeld(m_batchLock);
+            ReturnBatch();
+            m_batch.swap(m_listMsg);
+            m_bUrgent = false;
+            return;
         }
-        EndCurrent();
-        if (!m_bRun) {
-            iLeft = std::min(iLeft, m_listMsg.size());
-        }
-        while (!m_listMsg.empty() && iLeft > 0) {
-            m_pCurrent = m_listMsg.front();
-            --iLeft;
-            if (m_listSpare.size() < kSpareNodes) {
-                m_listSpare.splice(m_listSpare.begin(), m_listMsg, m_listMsg.begin());
-            } else {
-                m_listMsg.pop_front();
-            }
-            if (m_pCurrent != nullptr) {
-                return m_pCurrent;
-            }
-        }
-        return nullptr;
+        SleepMs(kLockRetryMs);
     }
+}
+
+/// Puts what is left of the batch back into the queue, behind urgent messages that came since.
+/// Under both locks.
+void CSlotCallbackManager::ReturnBatch()
+{
+    if (!m_batch.empty()) {
+        const auto firstNormal =
+            std::find_if(m_listMsg.begin(), m_listMsg.end(), [](const CMsg* pMsg) {
+                return pMsg == nullptr || pMsg->m_iPriority == 0;
+            });
+        m_listMsg.splice(firstNormal, m_batch);
+    }
+    if (m_listSpare.size() < kSpareNodes) {
+        m_listSpare.splice(m_listSpare.end(), m_used);
+    }
+}
+
+/// Ends the current message. @return The next of the batch, now the current one, or null.
+CMsg* CSlotCallbackManager::pTakeNext()
+{
+    const CMsg* pDone = nullptr;
+    CMsg* pNext = nullptr;
+    if (m_bUrgent && m_bRun) {
+        TakeBatch(); // anew, in the order that the queue has now
+    }
+    {
+        const std::lock_guard<std::mutex> batchHeld(m_batchLock);
+        while (pNext == nullptr && !m_batch.empty()) {
+            pNext = m_batch.front();
+            if (m_used.size() < kSpareNodes) {
+                m_used.splice(m_used.end(), m_batch, m_batch.begin());
+            } else {
+                m_batch.pop_front();
+            }
+        }
+        pDone = pChangeCurrent(pNext);
+    }
+    DeleteOwned(pDone);
+    return pNext;
+}
+
+/// Under m_batchLock. @return The former current message, whose dispatch is over.
+const CMsg* CSlotCallbackManager::pChangeCurrent(CMsg* pNext)
+{
+    if (m_iAwaitingCurrent > 0) {
+        m_dispatched.notify_all();
+    }
+    return std::exchange(m_pCurrent, pNext);
 }
 
 long CSlotCallbackManager::iDispatch(CMsg* pMsg)
@@ -191,38 +253,32 @@ long CSlotCallbackManager::iDispatch(CMsg* pMsg)
     return 0;
 }
 
-/// Under m_RecursiveLock.
-void CSlotCallbackManager::EndCurrent()
-{
-    const CMsg* const pMsg = m_pCurrent;
-    m_pCurrent = nullptr;
-    if (pMsg != nullptr && pMsg->m_bDoDelete) {
-        delete pMsg;
-    }
-    if (m_iAwaitingCurrent > 0) {
-        m_dispatched.notify_all();
-    }
-}
-
 void CSlotCallbackManager::ForgetOrigin(const CObject* pOrigin)
 {
-    CWaitableLock lock(m_RecursiveLock);
-    std::unique_lock<CWaitableLock> held(lock);
-    for (CMsg* pMsg : m_listMsg) {
-        if (pMsg != nullptr && pMsg->m_pOrigin == pOrigin) {
-            pMsg->m_pOrigin = nullptr;
+    const auto forgetIn = [=](const std::list<CMsg*>& messages) {
+        for (CMsg* pMsg : messages) {
+            if (pMsg != nullptr && pMsg->m_pOrigin == pOrigin) {
+                pMsg->m_pOrigin = nullptr;
+            }
         }
+    };
+    {
+        const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
+        const std::lock_guard<std::mutex> batchHeld(m_batchLock);
+        forgetIn(m_batch);
+        forgetIn(m_listMsg);
     }
-    if (m_pCurrent == nullptr || m_pCurrent->m_pOrigin != pOrigin) {
+    std::unique_lock<std::mutex> batchHeld(m_batchLock);
+    CMsg* const pMsg = m_pCurrent;
+    if (pMsg == nullptr || pMsg->m_pOrigin != pOrigin) {
         return;
     }
     if (pthread_equal(m_dispatchThread, pthread_self()) != 0) {
-        m_pCurrent->m_pOrigin = nullptr; // a slot destroys the very object
+        pMsg->m_pOrigin = nullptr; // a slot destroys the very object
         return;
     }
     ++m_iAwaitingCurrent;
-    const CMsg* const pMsg = m_pCurrent;
-    m_dispatched.wait(held, [=] { return m_pCurrent != pMsg || pMsg->m_pOrigin != pOrigin; });
+    m_dispatched.wait(batchHeld, [=] { return m_pCurrent != pMsg; });
     --m_iAwaitingCurrent;
 }
 

@@ -59,23 +59,6 @@ private:
     int m_iError;
 };
 
-/// Lets a thread be cancelled at any instruction for a scope, as its body is run.
-class CAsynchronousCancel
-{
-public:
-    CAsynchronousCancel() { pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &m_iFormerType); }
-    CAsynchronousCancel(const CAsynchronousCancel&) = delete;
-    CAsynchronousCancel& operator=(const CAsynchronousCancel&) = delete;
-    ~CAsynchronousCancel()
-    {
-        int iIgnored = 0;
-        pthread_setcanceltype(m_iFormerType, &iIgnored);
-    }
-
-private:
-    int m_iFormerType = PTHREAD_CANCEL_DEFERRED;
-};
-
 bool bIsSelf(pthread_t thread)
 {
     return pthread_equal(thread, pthread_self()) != 0;

@@ -8,6 +8,7 @@
 
 #include <condition_variable>
 #include <list>
+#include <mutex>
 
 namespace QuorCore
 {
@@ -56,8 +57,9 @@ public:
     void RemoveAllMsg(); ///< Empties the queue; deletes the messages that are the dispatcher's.
 
     long iRunThread() override;
-    long iStop(bool bJoin,
-               bool bCancel) override; ///< Wakes the loop; queued messages still go out.
+
+    /// Wakes the loop; what is queued by then still goes out.
+    long iStop(bool bJoin, bool bCancel) override;
 
 protected:
     std::list<CMsg*> m_listMsg; ///< Front is next. Guarded by m_RecursiveLock.
@@ -65,18 +67,26 @@ protected:
 
 private:
     friend class CObject;
-    class CCurrent;
+    class CBatch;
 
     void ForgetOrigin(const CObject* pOrigin);
-    CMsg* pTakeNext(size_t& iLeft);
     void Insert(CMsg* pMsg);
+    void DispatchQueued(long& lResult);
+    void TakeBatch();
+    void ReturnBatch();
+    CMsg* pTakeNext();
+    const CMsg* pChangeCurrent(CMsg* pNext);
     long iDispatch(CMsg* pMsg);
-    void EndCurrent();
 
-    std::list<CMsg*> m_listSpare;               ///< Used list nodes. Guarded by m_RecursiveLock.
-    CMsg* m_pCurrent = nullptr;                 ///< Being dispatched. Guarded by m_RecursiveLock.
-    int m_iAwaitingCurrent = 0;                 ///< Threads waiting for its end. Same guard.
-    std::atomic<pthread_t> m_dispatchThread{0}; ///< The thread of the loop.
-    std::condition_variable_any m_dispatched;   ///< A dispatch that somebody waits for has ended.
+    std::list<CMsg*> m_listSpare;       ///< Used nodes for new messages. Guarded as m_listMsg.
+    std::atomic<bool> m_bUrgent{false}; ///< An urgent message came after the batch was taken.
+
+    std::mutex m_batchLock;               ///< Taken after m_RecursiveLock; guards what follows.
+    std::list<CMsg*> m_batch;             ///< Taken from m_listMsg in one go, in its order.
+    std::list<CMsg*> m_used;              ///< Nodes of the batch that were dispatched.
+    CMsg* m_pCurrent = nullptr;           ///< Being dispatched.
+    std::condition_variable m_dispatched; ///< The dispatch of the current one has ended.
+    int m_iAwaitingCurrent = 0;           ///< Threads that wait for that.
+    pthread_t m_dispatchThread{};         ///< The thread of the loop.
 };
 } // namespace QuorCore

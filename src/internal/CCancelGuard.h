@@ -6,30 +6,65 @@
 
 namespace QuorCore
 {
+/// The calling thread runs a body that may be cancelled at any instruction; see
+/// CAsynchronousCancel.
+extern __thread bool t_bAsynchronousCancel __attribute__((tls_model("initial-exec")));
+
+/**
+ * @brief Lets the calling thread be cancelled at any instruction for a scope: a thread's body.
+ */
+class CAsynchronousCancel
+{
+public:
+    CAsynchronousCancel()
+    {
+        int iFormerType = PTHREAD_CANCEL_DEFERRED;
+        t_bAsynchronousCancel = true;
+        pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &iFormerType);
+    }
+    CAsynchronousCancel(const CAsynchronousCancel&) = delete;
+    CAsynchronousCancel& operator=(const CAsynchronousCancel&) = delete;
+    ~CAsynchronousCancel()
+    {
+        int iFormerType = PTHREAD_CANCEL_DEFERRED;
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &iFormerType);
+        t_bAsynchronousCancel = false;
+    }
+};
+
 /**
  * @brief Defers cancellation to cancellation points for a scope.
  *
  * A thread cancelled in the middle of malloc(3) or with a lock held leaves the whole process stuck.
  * Merely disabling cancellation is not enough: glibc acts on a request that arrives between the
  * check and the change of the state. Restoring the asynchronous type may act on a request, that is,
- * unwind out of the destructor: hence noexcept(false).
+ * unwind out of the destructor: hence noexcept(false). In a thread that is not asynchronous, that
+ * is, nearly always, it costs one look at a thread-local flag.
  */
 class CDeferredCancel
 {
 public:
-    CDeferredCancel() { pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &m_iFormerType); }
+    CDeferredCancel() : m_bRestore(t_bAsynchronousCancel)
+    {
+        if (m_bRestore) {
+            int iFormerType = PTHREAD_CANCEL_ASYNCHRONOUS;
+            pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &iFormerType);
+            t_bAsynchronousCancel = false;
+        }
+    }
     CDeferredCancel(const CDeferredCancel&) = delete;
     CDeferredCancel& operator=(const CDeferredCancel&) = delete;
     ~CDeferredCancel() noexcept(false)
     {
-        if (m_iFormerType != PTHREAD_CANCEL_DEFERRED) {
-            int iIgnored = 0;
-            pthread_setcanceltype(m_iFormerType, &iIgnored);
+        if (m_bRestore) {
+            int iFormerType = PTHREAD_CANCEL_DEFERRED;
+            t_bAsynchronousCancel = true;
+            pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &iFormerType);
         }
     }
 
 private:
-    int m_iFormerType = PTHREAD_CANCEL_DEFERRED;
+    const bool m_bRestore;
 };
 
 /// Holds cancellation off for a scope that must not be unwound, in a thread where it is deferred.
