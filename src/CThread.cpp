@@ -336,11 +336,13 @@ long CThread::iDetach()
 
 void CThread::Sleep(int iMs)
 {
+    const CDeferredCancel deferred;
     SleepMs(iMs);
 }
 
 bool CThread::bDynWait(int iSeconds)
 {
+    const CDeferredCancel deferred;
     m_bRunDynWait = true;
     do {
         SleepMs(kMsPerSecond);
@@ -351,6 +353,7 @@ bool CThread::bDynWait(int iSeconds)
 
 void CThread::YieldCPU(int iTotalMs, int iStepMs)
 {
+    const CDeferredCancel deferred;
     const int iStep = std::max(iStepMs, 1);
     m_bRunDynWait = true;
     do {
