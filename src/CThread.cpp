@@ -252,8 +252,9 @@ void CThread::ExitAfterException()
 long CThread::iStop(bool bJoin, bool bCancel)
 {
     const CDeferredCancel deferred;
-    m_bRun.AskStop();
-    if (m_bAutoDelete) {
+    const bool bAutoDelete = m_bAutoDelete; // asked first: once lowered, the object may be gone
+    AskStop();
+    if (bAutoDelete) {
         return 0;
     }
     if (m_StopLock.iTryLock(0) != 0) {
@@ -298,7 +299,7 @@ long CThread::iJoin()
     if (!bIsRunning()) {
         return -1;
     }
-    m_bRun.AskStop();
+    AskStop();
     if (bIsSelf(m_threadId)) {
         return EDEADLK;
     }

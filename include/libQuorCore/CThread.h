@@ -141,6 +141,10 @@ protected:
     /// then, and ~CThread waits for it.
     static CThread* pAsThread(CObject* pObject);
 
+    /// Lowers m_bRun so that the loop cannot raise it again before the thread is created anew: the
+    /// first step of a stop. An iStop() that ends what the loop waits for calls it before it does.
+    void AskStop() { m_bRun.AskStop(); }
+
     CRunFlag m_bRun;                        ///< The loop goes on while it is set.
     std::atomic<bool> m_bRunDynWait{false}; ///< An interruptible wait goes on while it is set.
     std::atomic<pthread_t> m_threadId{0};   ///< 0 when there is no thread.
