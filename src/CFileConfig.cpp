@@ -386,7 +386,8 @@ std::string CFileConfig::szMakeText() const
 bool bTouchFile(const char* szPath)
 {
     const CDeferredCancel deferred;
-    const CUniqueFd file(::open(szPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
+    const int iFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    const CUniqueFd file(::open(szOrEmpty(szPath), iFlags, kFileMode));
     return static_cast<bool>(file);
 }
 
