@@ -19,10 +19,21 @@ class CSlotCallbackManager;
 class CDispatcherGate
 {
 public:
-    explicit CDispatcherGate(const std::atomic<CSlotCallbackManager*>& pDispatcher);
+    explicit CDispatcherGate(const std::atomic<CSlotCallbackManager*>& pDispatcher)
+    {
+        if (t_iScopes++ == 0) {
+            ++s_iInside;
+        }
+        m_pDispatcher = pDispatcher; // after the count: whoever closes either sees it or was seen
+    }
     CDispatcherGate(const CDispatcherGate&) = delete;
     CDispatcherGate& operator=(const CDispatcherGate&) = delete;
-    ~CDispatcherGate() noexcept(false);
+    ~CDispatcherGate() noexcept(false)
+    {
+        if (--t_iScopes == 0) {
+            --s_iInside;
+        }
+    }
 
     CSlotCallbackManager* pGet() const { return m_pDispatcher; } ///< Null when there is none.
 
@@ -32,6 +43,10 @@ public:
                       CSlotCallbackManager* pDispatcher);
 
 private:
+    static std::atomic<int> s_iInside; // threads within a scope
+    // Scopes of the calling thread, one within another.
+    static __thread int t_iScopes __attribute__((tls_model("initial-exec")));
+
     CDeferredCancel m_deferred; // a thread cancelled inside would keep the gate open for ever
     CSlotCallbackManager* m_pDispatcher;
 };
