@@ -496,6 +496,23 @@ TEST_F(AFileNotification, LetsACallbackRemoveTheWatchThatWouldBeServedNext)
     EXPECT_EQ(0U, m_B.nEvents());
 }
 
+TEST_F(AFileNotification, LetsACallbackReplaceTheWatchThatWouldBeServedNext)
+{
+    CReporter* pSecond = nullptr;
+    pWatch("a", m_A, [this, &pSecond](CMsg&) {
+        m_Watcher.RemoveNotification(pSecond);
+        pWatch("c", m_C); // gets the number of the descriptor that was just closed
+        CreateFile("c/new");
+    });
+    pSecond = pWatch("b", m_B);
+    CreateFile("a/new");
+    Start();
+    EXPECT_TRUE(m_C.bAwaitEvents(1));
+    m_Watcher.iStop(true, false);
+    EXPECT_EQ(0U, m_B.nEvents());
+    EXPECT_EQ(1, m_B.nDeleted());
+}
+
 TEST_F(AFileNotification, LetsACallbackRemoveTheWatchThatWasServedBefore)
 {
     CReporter* const pFirst = pWatch("a", m_A);
@@ -720,8 +737,10 @@ TEST_F(AFileNotification, SaysThatItStopped)
 
 TEST_F(AFileNotification, LeavesItsLocksFreeWhenItIsCancelled)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the sanitizer sees no locks of a thread that was cancelled in poll(2)";
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    // The one sees no locks of a thread any more that was cancelled in poll(2), the other takes the
+    // stack that was unwound for one in use.
+    GTEST_SKIP() << "the sanitizers do not follow a cancelled thread";
 #endif
     pWatch("a", m_A);
     Start();
