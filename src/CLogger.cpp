@@ -21,6 +21,7 @@
 #include <cstring>
 #include <execinfo.h>
 #include <memory>
+#include <new>
 #include <vector>
 
 namespace QuorCore
@@ -168,13 +169,13 @@ void CLogger::SetShowLine(bool bShow)
     m_bShowLine = bShow;
 }
 
-void CLogger::Log(int iLevel, const char* szFile, int iLine, const char* szFunction,
-                  const char* szFormat, ...)
+/// @param szLabel  Receives the calling thread's label if it has one.
+/// @return Whether a message of @p iLevel of the calling thread passes.
+inline bool CLogger::bAdmits(int iLevel, const char*& szLabel)
 {
     if (!m_bReady.load(std::memory_order_relaxed)) {
-        return;
+        return false;
     }
-    const char* szLabel = kGeneralLabel;
     int iLimit = kDefaultLogLevel;
     if (bIsProcessLogger()) { // the thread's own copy of its entries: no lock on the way
         iLimit = iReadLevel(t_piLogLimit);
@@ -184,7 +185,14 @@ void CLogger::Log(int iLevel, const char* szFile, int iLine, const char* szFunct
     } else {
         bGetLogConfigForThread(szLabel, iLimit);
     }
-    if (iLevel > iLimit) {
+    return iLevel <= iLimit;
+}
+
+void CLogger::Log(int iLevel, const char* szFile, int iLine, const char* szFunction,
+                  const char* szFormat, ...)
+{
+    const char* szLabel = kGeneralLabel;
+    if (!bAdmits(iLevel, szLabel)) {
         return;
     }
     va_list args;
@@ -193,12 +201,25 @@ void CLogger::Log(int iLevel, const char* szFile, int iLine, const char* szFunct
     va_end(args);
 }
 
+// A thread may be cancelled at any instruction of LogEvent() and LogHexDump(), so these have
+// nothing to clean up, not even a guard: a cancellation that finds a function with clean-up code
+// outside of its calls is std::terminate(). What they call lets no exception out, only a
+// cancellation, after which nobody needs the former type.
 void CLogger::LogEvent(const char* szLabel, int iLevel, const char* szFile, int iLine,
                        const char* szFunction, int iErrno, const char* szFormat, va_list args)
 {
     const int iSavedErrno = errno; // before any call that may change it
-    const CDeferredCancel deferred;
+    const cancelType_t former = DeferAnyCancel();
+    EmitLine(szLabel, iLevel, szFile, iLine, szFunction, iErrno, iSavedErrno, szFormat, args);
+    RestoreCancel(former);
+    errno = iSavedErrno;
+}
 
+void CLogger::EmitLine(const char* szLabel, int iLevel, const char* szFile, int iLine,
+                       const char* szFunction, int iErrno, int iCurrentErrno, const char* szFormat,
+                       va_list args)
+try {
+    const CNoCancel noCancel; // syslog(3) is a cancellation point, but a destructor may log
     std::string szLine;
     szLine.reserve(512);
     szLine.append(pszOrEmpty(szLabel)).append("(");
@@ -216,22 +237,33 @@ void CLogger::LogEvent(const char* szLabel, int iLevel, const char* szFile, int 
         // ALogger.NamesTheErrnoGivenAndTheTextOfTheCurrentOne.
         szLine.append("errno:");
         AppendNumber(szLine, iErrno);
-        szLine.append(" (").append(strerrorT(iSavedErrno)).append(")\t");
+        szLine.append(" (").append(strerrorT(iCurrentErrno)).append(")\t");
     }
     szLine.append(pszOrEmpty(szFormat));
 
-    {
-        CRawMutex emitMutex(g_emitMutex);
-        const CHeldLock<CRawMutex> held(emitMutex);
-        errno = iSavedErrno; // for a "%m" of the caller
-        vsyslog(iLevel, szLine.c_str(), args);
-    }
-    errno = iSavedErrno;
+    const CHeldMutex held(g_emitMutex);
+    errno = iCurrentErrno; // for a "%m" of the caller
+    vsyslog(iLevel, szLine.c_str(), args);
+} catch (const std::bad_alloc&) {
+    // The line is lost. The caller has other worries now.
 }
 
 void CLogger::LogHexDump(const char* szFile, int iLine, const char* szFunction, const char* szLabel,
                          const unsigned char* pData, unsigned int iSize)
 {
+    const char* szIgnored = nullptr;
+    if (bAdmits(LOG_DEBUG, szIgnored)) {
+        const int iSavedErrno = errno;
+        const cancelType_t former = DeferAnyCancel();
+        EmitHexDump(szFile, iLine, szFunction, szLabel, pData, iSize);
+        RestoreCancel(former);
+        errno = iSavedErrno;
+    }
+}
+
+void CLogger::EmitHexDump(const char* szFile, int iLine, const char* szFunction,
+                          const char* szLabel, const unsigned char* pData, unsigned int iSize)
+try {
     static constexpr char kDigits[] = "0123456789abcdef";
     const unsigned int iDumped = iSize > kDumpMaxBytes ? kDumpMaxBytes - 1 : iSize;
     std::string szText(pszOrEmpty(szLabel));
@@ -246,14 +278,18 @@ void CLogger::LogHexDump(const char* szFile, int iLine, const char* szFunction, 
         }
     }
     Log(LOG_DEBUG, szFile, iLine, szFunction, "%s", szText.c_str());
+} catch (const std::bad_alloc&) {
+    // The line is lost, as in EmitLine().
 }
 
 void CLogger::WriteBacktrace()
 {
-    const CDeferredCancel deferred;
+    const CDeferredAnyCancel deferred;
+    const CNoCancel noCancel; // as in EmitLine()
     void* aFrames[kMaxFrames];
     const int iFrames = backtrace(aFrames, kMaxFrames);
     if (iFrames < 1) {
+        const CHeldMutex held(g_emitMutex);
         syslog(LOG_NOTICE, "asked for backtrace but got a null size");
         return;
     }
@@ -270,23 +306,20 @@ void CLogger::WriteBacktrace()
     for (int i = 0; i < iFrames; ++i) {
         szText.append("\t").append(aszSymbols[i]).append("\n");
     }
-    CRawMutex emitMutex(g_emitMutex);
-    const CHeldLock<CRawMutex> held(emitMutex);
+    const CHeldMutex held(g_emitMutex);
     syslog(LOG_EMERG, "%s", szText.c_str());
 }
 
 std::string CLogger::strerrorT(int iErrno)
 {
-    CRawMutex strerrorMutex(g_strerrorMutex);
-    const CHeldLock<CRawMutex> held(strerrorMutex);
+    const CHeldMutex held(g_strerrorMutex);
     const char* szText = std::strerror(iErrno);
     return std::string(pszOrEmpty(szText));
 }
 
 void CLogger::SetLogConfigForThread(const char* szLabel, int* piLevel)
 {
-    CRawMutex mutex(m_hMutex);
-    const CHeldLock<CRawMutex> held(mutex);
+    const CHeldMutex held(m_hMutex);
     if (!held) {
         return;
     }
@@ -306,8 +339,7 @@ void CLogger::CancelLogIdForThread()
         t_pszLogLabel = nullptr;
         t_piLogLimit = &g_iDefaultLogLevel;
     }
-    CRawMutex mutex(m_hMutex);
-    const CHeldLock<CRawMutex> held(mutex);
+    const CHeldMutex held(m_hMutex);
     if (!held) {
         return;
     }
@@ -321,8 +353,7 @@ void CLogger::ForgetLevel(const int* piLevel)
         t_pszLogLabel = nullptr;
         t_piLogLimit = &g_iDefaultLogLevel;
     }
-    CRawMutex mutex(m_hMutex);
-    const CHeldLock<CRawMutex> held(mutex);
+    const CHeldMutex held(m_hMutex);
     if (!held) {
         return;
     }
@@ -338,8 +369,7 @@ void CLogger::ForgetLevel(const int* piLevel)
 
 bool CLogger::bGetLogConfigForThread(const char*& szLabel, int& iLevel)
 {
-    CRawMutex mutex(m_hMutex);
-    const CHeldLock<CRawMutex> held(mutex);
+    const CHeldMutex held(m_hMutex);
     if (held) {
         const auto label = m_LabelTable.find(iOwnThreadId());
         if (label != m_LabelTable.end()) {
@@ -355,8 +385,7 @@ bool CLogger::bGetLogConfigForThread(const char*& szLabel, int& iLevel)
 
 void CLogger::SetAllLogLevel(int iLevel)
 {
-    CRawMutex mutex(m_hMutex);
-    const CHeldLock<CRawMutex> held(mutex);
+    const CHeldMutex held(m_hMutex);
     if (held) {
         for (const auto& entry : m_levelTable) {
             SetLevel(entry.second, iLevel);
@@ -366,8 +395,7 @@ void CLogger::SetAllLogLevel(int iLevel)
 
 void CLogger::SetLogLevel(int iIndex, int iLevel)
 {
-    CRawMutex mutex(m_hMutex);
-    const CHeldLock<CRawMutex> held(mutex);
+    const CHeldMutex held(m_hMutex);
     if (!held) {
         return;
     }
@@ -392,9 +420,9 @@ int CLogger::iGetLogConfigHtml(std::string& szPage, const char* szAction)
 {
     static constexpr const char* kLevelNames[] = {"emergency", "alert",  "critical", "error",
                                                   "warning",   "notice", "info",     "debug"};
-    CRawMutex mutex(m_hMutex);
+    const CDeferredAnyCancel deferred; // beyond the lock: the page is allocated
     {
-        const CHeldLock<CRawMutex> held(mutex);
+        const CHeldMutex held(m_hMutex);
         if (held) {
             szPage = "<!DOCTYPE html><html><head><title>Log ctrl</title></head><body>\n"
                      "<h2>Log control : ";
@@ -440,10 +468,10 @@ int CLogger::iSetLogLevel(CFileConfig* pConfig)
         return 0;
     }
     // The configuration is asked without the logger's lock: it may raise, and may wait for its own.
+    const CDeferredAnyCancel deferred; // beyond the lock: the labels are allocated
     std::vector<std::pair<unsigned long, std::string>> labels;
-    CRawMutex mutex(m_hMutex);
     {
-        const CHeldLock<CRawMutex> held(mutex);
+        const CHeldMutex held(m_hMutex);
         if (!held) {
             return 0;
         }
@@ -456,7 +484,7 @@ int CLogger::iSetLogLevel(CFileConfig* pConfig)
     for (const auto& label : labels) {
         const int iLevel =
             pConfig->iGetParameter(szLevelKey(label.second).c_str(), kDefaultLogLevel);
-        const CHeldLock<CRawMutex> held(mutex);
+        const CHeldMutex held(m_hMutex);
         const auto entry = m_levelTable.find(label.first);
         if (held && entry != m_levelTable.end()) { // the thread may have ended meanwhile
             SetLevel(entry->second, iLevel);
@@ -471,10 +499,10 @@ int CLogger::iGetLogLevel(CFileConfig* pConfig)
         return 0;
     }
     // Each setter rewrites the file and flushes the disks: not while every log call waits.
+    const CDeferredAnyCancel deferred; // beyond the lock: the labels are allocated
     std::vector<std::pair<std::string, int>> levels;
     {
-        CRawMutex mutex(m_hMutex);
-        const CHeldLock<CRawMutex> held(mutex);
+        const CHeldMutex held(m_hMutex);
         if (!held) {
             return 0;
         }
@@ -492,15 +520,21 @@ int CLogger::iGetLogLevel(CFileConfig* pConfig)
 
 CFunctionCallLogger::CFunctionCallLogger(int iLevel, const char* szFile, int iLine,
                                          const char* /*szIgnored*/, const char* szFunctionName)
-    : functionName(pszOrEmpty(szFunctionName)), componentName(pszOrEmpty(szFile)), level(iLevel)
+    : level(iLevel)
 {
+    const CDeferredAnyCancel deferred; // the copies are allocated
+    functionName = pszOrEmpty(szFunctionName);
+    componentName = pszOrEmpty(szFile);
     CThread::m_Logger.Log(level, componentName.c_str(), iLine, "", "Entering %s()...",
                           functionName.c_str());
 }
 
-CFunctionCallLogger::~CFunctionCallLogger()
+CFunctionCallLogger::~CFunctionCallLogger() noexcept(false)
 {
+    const CDeferredAnyCancel deferred;
     CThread::m_Logger.Log(level, componentName.c_str(), 0, "", "Leaving %s()...",
                           functionName.c_str());
+    std::string().swap(functionName); // freed here, not when cancellation is as it was
+    std::string().swap(componentName);
 }
 } // namespace QuorCore

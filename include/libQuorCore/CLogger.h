@@ -36,8 +36,10 @@ extern QUORCORE_API __thread const int* t_piLogLimit __attribute__((tls_model("i
  * has not registered logs as "GEN" with level 3.
  *
  * Threads: any may call anything at any time; a message that is filtered out takes no lock.
- * Errors: nothing is reported; a lock that cannot be taken makes the call do nothing. errno is
- * preserved by Log(). Nothing may log from a signal handler.
+ * Errors: nothing is reported; a lock that cannot be taken makes the call do nothing, and a line
+ * for which there is no memory is lost. Log() and LogEvent() preserve errno and are no cancellation
+ * points, so destructors may log. Nothing may log from a signal
+ * handler.
  */
 class QUORCORE_API CLogger
 {
@@ -174,6 +176,12 @@ protected:
 
 private:
     bool bIsProcessLogger() const;
+    bool bAdmits(int iLevel, const char*& szLabel);
+    void EmitLine(const char* szLabel, int iLevel, const char* szFile, int iLine,
+                  const char* szFunction, int iErrno, int iCurrentErrno, const char* szFormat,
+                  va_list args) __attribute__((format(printf, 9, 0)));
+    void EmitHexDump(const char* szFile, int iLine, const char* szFunction, const char* szLabel,
+                     const unsigned char* pData, unsigned int iSize);
     void GuardFork();
     static void PrepareFork();
     static void ResumeParent();
@@ -194,7 +202,8 @@ public:
                         const char* szFunctionName);
     CFunctionCallLogger(const CFunctionCallLogger&) = delete;
     CFunctionCallLogger& operator=(const CFunctionCallLogger&) = delete;
-    ~CFunctionCallLogger();
+    /// Where cancellation is asynchronous, a request may be acted upon at its end.
+    ~CFunctionCallLogger() noexcept(false);
 
 private:
     std::string functionName;
@@ -204,7 +213,8 @@ private:
 } // namespace QuorCore
 
 /// Logs through the process-wide logger, adding what only the caller's place knows. The arguments
-/// are not evaluated when the calling thread's level filters the message out.
+/// are not evaluated when the calling thread's level filters the message out, the level is
+/// evaluated twice when it does not.
 #define QUORCORE_LOG(iLevel, ...)                                                                  \
     do {                                                                                           \
         if (::QuorCore::CLogger::bIsEnabled(iLevel)) {                                             \

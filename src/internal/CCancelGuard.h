@@ -67,7 +67,55 @@ private:
     const bool m_bRestore;
 };
 
-/// Holds cancellation off for a scope that must not be unwound, in a thread where it is deferred.
+/// The way in which a thread was to be cancelled; see DeferAnyCancel().
+struct cancelType_t {
+    int iType;  ///< As pthread_setcanceltype(3) has it.
+    bool bBody; ///< t_bAsynchronousCancel.
+};
+
+/// Defers cancellation, also in a thread that was made asynchronous by other means than ours.
+/// @return What RestoreCancel() wants.
+inline cancelType_t DeferAnyCancel()
+{
+    cancelType_t former{PTHREAD_CANCEL_DEFERRED, t_bAsynchronousCancel};
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &former.iType);
+    t_bAsynchronousCancel = false;
+    return former;
+}
+
+/// Undoes DeferAnyCancel(); may act on a request if the type was the asynchronous one.
+inline void RestoreCancel(const cancelType_t& former)
+{
+    t_bAsynchronousCancel = former.bBody;
+    if (former.iType != PTHREAD_CANCEL_DEFERRED) {
+        int iIgnored = PTHREAD_CANCEL_DEFERRED;
+        pthread_setcanceltype(former.iType, &iIgnored);
+    }
+}
+
+/**
+ * @brief As CDeferredCancel, in any thread: for what the whole process depends on.
+ *
+ * It asks the C library, not the flag, which costs a call each way.
+ */
+class CDeferredAnyCancel
+{
+public:
+    CDeferredAnyCancel() : m_former(DeferAnyCancel()) {}
+    CDeferredAnyCancel(const CDeferredAnyCancel&) = delete;
+    CDeferredAnyCancel& operator=(const CDeferredAnyCancel&) = delete;
+    ~CDeferredAnyCancel() noexcept(false) { RestoreCancel(m_former); }
+
+private:
+    const cancelType_t m_former;
+};
+
+/**
+ * @brief Holds cancellation off for a scope, in a thread where it is deferred.
+ *
+ * Not beyond all doubt if it was asynchronous a moment ago: a request that was under way by then
+ * may yet be acted upon within a system call. There the scope must stand being unwound.
+ */
 class CNoCancel
 {
 public:

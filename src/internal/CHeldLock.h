@@ -41,15 +41,28 @@ private:
     const bool m_bHeld;
 };
 
-/// A raw mutex with the calls that CHeldLock makes.
-class CRawMutex
+/// Holds a raw mutex, with cancellation deferred in any thread; ask it whether it was taken.
+class CHeldMutex
 {
 public:
-    explicit CRawMutex(pthread_mutex_t& mutex) : m_mutex(mutex) {}
-    int iLock() { return pthread_mutex_lock(&m_mutex); }
-    void UnLock() { pthread_mutex_unlock(&m_mutex); }
+    explicit CHeldMutex(pthread_mutex_t& mutex)
+        : m_mutex(mutex), m_bHeld(pthread_mutex_lock(&mutex) == 0)
+    {
+    }
+    CHeldMutex(const CHeldMutex&) = delete;
+    CHeldMutex& operator=(const CHeldMutex&) = delete;
+    ~CHeldMutex() noexcept(false)
+    {
+        if (m_bHeld) {
+            pthread_mutex_unlock(&m_mutex);
+        }
+    }
+
+    explicit operator bool() const { return m_bHeld; } ///< False: it was not taken.
 
 private:
+    CDeferredAnyCancel m_deferred; // before the mutex is taken, and until it is free
     pthread_mutex_t& m_mutex;
+    const bool m_bHeld;
 };
 } // namespace QuorCore

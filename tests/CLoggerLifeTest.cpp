@@ -1,0 +1,195 @@
+// The logger in the life of a process: its first and last line, forks and cancelled threads.
+#include "libQuorCore/CLogger.h"
+#include "libQuorCore/CThread.h"
+
+#include "support/CChild.h"
+#include "support/CSyslogReceiver.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <new>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace QuorCore;
+using namespace TestSupport;
+
+namespace
+{
+/// @return Path of one of tests/programs/.
+std::string szProgram(const std::string& szName)
+{
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "programs" / szName;
+}
+
+/// What follows the head of a line.
+std::string szMessage(const std::string& szText)
+{
+    const size_t iColon = szText.find(" : ");
+    return iColon == std::string::npos ? szText : szText.substr(iColon + 3);
+}
+
+class ALogger : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        CThread::m_Logger.Init("life-test");
+        m_Syslog.Clear();
+    }
+    std::vector<std::string> Messages()
+    {
+        std::vector<std::string> messages;
+        for (const CSyslogReceiver::Record& record : m_Syslog.Records()) {
+            messages.push_back(szMessage(record.szText));
+        }
+        return messages;
+    }
+
+    CSyslogReceiver& m_Syslog = CSyslogReceiver::Get();
+};
+
+TEST_F(ALogger, WritesFromTheFirstStaticConstructorToTheLastDestructor)
+{
+    EXPECT_EQ(0, RunProgram({szProgram("LogAroundMain")}).iExitCode);
+    const std::vector<std::string> expected = {"in a static constructor", "in main",
+                                               "in a static destructor", "in an exit handler",
+                                               "after the static objects of the program"};
+    EXPECT_EQ(expected, Messages());
+}
+
+/// A thread that may be cancelled at any instruction, as CThread runs its bodies.
+class CCancelledThread
+{
+public:
+    explicit CCancelledThread(void (*pBody)(std::atomic<int>&)) : m_pBody(pBody)
+    {
+        pthread_create(&m_Thread, nullptr, &CCancelledThread::pRun, this);
+    }
+    bool bAwaitTurns(int nTurns)
+    {
+        return bAwait([&] { return m_iTurns >= nTurns; });
+    }
+    bool bCancelAndJoin()
+    {
+        pthread_cancel(m_Thread);
+        timespec limit{};
+        clock_gettime(CLOCK_REALTIME, &limit);
+        limit.tv_sec += kAwaitLimitMs / 1000;
+        return pthread_timedjoin_np(m_Thread, nullptr, &limit) == 0;
+    }
+
+private:
+    static void* pRun(void* pThis)
+    {
+        CCancelledThread& thread = *static_cast<CCancelledThread*>(pThis);
+        static int iLevel = LOG_DEBUG; // not on the stack that unwinds
+        CThread::m_Logger.SetLogConfigForThread("cancelled", &iLevel);
+        int iFormerType = 0;
+        pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &iFormerType);
+        for (;;) {
+            thread.m_pBody(thread.m_iTurns);
+        }
+    }
+
+    void (*m_pBody)(std::atomic<int>&);
+    std::atomic<int> m_iTurns{0};
+    pthread_t m_Thread{};
+};
+
+/// @return 0: after each of @p nThreads cancellations the logger still works.
+int iCancelThreadsThatLog(void (*pBody)(std::atomic<int>&), int nThreads)
+{
+    for (int i = 0; i < nThreads; ++i) {
+        CCancelledThread thread(pBody);
+        if (!thread.bAwaitTurns(1 + i % 7) || !thread.bCancelAndJoin()) {
+            return 1;
+        }
+        CThread::m_Logger.SetAllLogLevel(LOG_DEBUG); // would wait for ever for a lock left behind
+        CThread::m_Logger.strerrorT(ENOENT);
+        QUORCORE_LOG(LOG_ERR, "survived %d", i);
+    }
+    return 0;
+}
+
+constexpr int kCancelLimitMs = 4 * kAwaitLimitMs;
+
+#ifdef __SANITIZE_THREAD__
+// It gives each function something to clean up, so that a cancellation at any instruction ends the
+// process: in the test's functions, too.
+constexpr bool bCancelsAtAnyInstruction = false;
+#else
+constexpr bool bCancelsAtAnyInstruction = true;
+#endif
+
+TEST_F(ALogger, SurvivesTheCancellationOfThreadsThatLog)
+{
+    if (!bCancelsAtAnyInstruction) {
+        GTEST_SKIP() << "not under the thread sanitizer";
+    }
+    const ChildResult result = RunInChild(
+        [] {
+            return iCancelThreadsThatLog(
+                [](std::atomic<int>& iTurns) {
+                    QUORCORE_LOG(LOG_DEBUG, "turn %d", static_cast<int>(iTurns));
+                    ++iTurns;
+                },
+                300);
+        },
+        kCancelLimitMs);
+    EXPECT_FALSE(result.bTimedOut) << "a lock was left behind";
+    EXPECT_EQ(0, result.iSignal) << result.szErrors;
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+    EXPECT_EQ(300U, m_Syslog.Count("survived"));
+}
+
+TEST_F(ALogger, SurvivesTheCancellationOfThreadsThatDump)
+{
+    if (!bCancelsAtAnyInstruction) {
+        GTEST_SKIP() << "not under the thread sanitizer";
+    }
+    const ChildResult result = RunInChild(
+        [] {
+            return iCancelThreadsThatLog(
+                [](std::atomic<int>& iTurns) {
+                    static const unsigned char aData[600] = {};
+                    QUORCORE_LOG_HEX("dump", aData, sizeof(aData));
+                    ++iTurns;
+                },
+                300);
+        },
+        kCancelLimitMs);
+    EXPECT_FALSE(result.bTimedOut) << "a lock was left behind";
+    EXPECT_EQ(0, result.iSignal) << result.szErrors;
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+    EXPECT_EQ(300U, m_Syslog.Count("survived"));
+}
+
+TEST_F(ALogger, MayWriteInADestructorOfAThreadThatIsBeingCancelled)
+{
+    struct LogsInItsDestructor {
+        ~LogsInItsDestructor() { QUORCORE_LOG(LOG_ERR, "not cut off"); }
+    };
+    const ChildResult result = RunInChild([] {
+        std::thread thread([] {
+            pthread_cancel(pthread_self()); // pending until a cancellation point
+            {
+                const LogsInItsDestructor logs;
+            }
+            pthread_testcancel();
+            QUORCORE_LOG(LOG_ERR, "not reached");
+        });
+        thread.join();
+        return 0;
+    });
+    EXPECT_EQ(0, result.iSignal) << result.szErrors;
+    EXPECT_EQ(std::vector<std::string>{"not cut off"}, Messages());
+}
+} // namespace
