@@ -24,6 +24,10 @@
 #include <new>
 #include <vector>
 
+// A function that may be called when the destructor has run: threads outlive the static objects. It
+// looks at m_bReady first. The sanitizers are told that this is meant.
+#define QUORCORE_AFTER_DESTRUCTION __attribute__((no_sanitize("vptr")))
+
 namespace QuorCore
 {
 namespace
@@ -34,7 +38,7 @@ constexpr int kMaxFrames = 32;               // of a backtrace
 
 const int g_iDefaultLogLevel = kDefaultLogLevel;
 
-/// Label of the calling thread in the process-wide logger; points into its label table.
+/// Label of the calling thread in the process-wide logger; points into t_registration.
 __thread const char* t_pszLogLabel __attribute__((tls_model("initial-exec"))) = nullptr;
 
 /// Held while a line is composed and written, so that a fork does not copy a lock of the C
@@ -52,10 +56,19 @@ public:
             CThread::m_Logger.CancelLogIdForThread();
         }
     }
-    void Set(bool bActive) { m_bActive = bActive; }
+
+    /// @return The thread's own copy of its label, which outlives the logger: threads may still log
+    ///         while the process ends.
+    const char* pszSet(const char* szLabel)
+    {
+        m_bActive = true;
+        m_szLabel = szLabel;
+        return m_szLabel.c_str();
+    }
 
 private:
     bool m_bActive = false;
+    std::string m_szLabel;
 };
 
 thread_local CRegistration t_registration;
@@ -115,6 +128,11 @@ CLogger::~CLogger()
     // it touches anything else.
     m_bReady = false;
     closelog();
+    {
+        const CHeldMutex held(m_hMutex);
+        m_LabelTable.clear();
+        m_levelTable.clear();
+    }
     pthread_mutex_destroy(&m_hMutex);
     pthread_mutexattr_destroy(&m_Attr);
 }
@@ -171,7 +189,7 @@ void CLogger::SetShowLine(bool bShow)
 
 /// @param szLabel  Receives the calling thread's label if it has one.
 /// @return Whether a message of @p iLevel of the calling thread passes.
-inline bool CLogger::bAdmits(int iLevel, const char*& szLabel)
+QUORCORE_AFTER_DESTRUCTION inline bool CLogger::bAdmits(int iLevel, const char*& szLabel)
 {
     if (!m_bReady.load(std::memory_order_relaxed)) {
         return false;
@@ -188,6 +206,7 @@ inline bool CLogger::bAdmits(int iLevel, const char*& szLabel)
     return iLevel <= iLimit;
 }
 
+QUORCORE_AFTER_DESTRUCTION
 void CLogger::Log(int iLevel, const char* szFile, int iLine, const char* szFunction,
                   const char* szFormat, ...)
 {
@@ -248,6 +267,7 @@ try {
     // The line is lost. The caller has other worries now.
 }
 
+QUORCORE_AFTER_DESTRUCTION
 void CLogger::LogHexDump(const char* szFile, int iLine, const char* szFunction, const char* szLabel,
                          const unsigned char* pData, unsigned int iSize)
 {
@@ -323,13 +343,11 @@ void CLogger::SetLogConfigForThread(const char* szLabel, int* piLevel)
     if (!held) {
         return;
     }
-    std::string& szStored = m_LabelTable[iOwnThreadId()];
-    szStored = pszOrEmpty(szLabel);
+    m_LabelTable[iOwnThreadId()] = pszOrEmpty(szLabel);
     m_levelTable[iOwnThreadId()] = piLevel;
     if (bIsProcessLogger()) {
-        t_pszLogLabel = szStored.c_str(); // a map's element stays where it is
+        t_pszLogLabel = t_registration.pszSet(pszOrEmpty(szLabel));
         t_piLogLimit = piLevel != nullptr ? piLevel : &g_iDefaultLogLevel;
-        t_registration.Set(true);
     }
 }
 

@@ -65,6 +65,61 @@ TEST_F(ALogger, WritesFromTheFirstStaticConstructorToTheLastDestructor)
     EXPECT_EQ(expected, Messages());
 }
 
+/// What static objects and threads do that outlive the logger. A sanitizer would object.
+__attribute__((no_sanitize("vptr"), noinline)) void LogAfterTheEnd(CLogger& logger)
+{
+    logger.Log(LOG_EMERG, "F.cpp", 12, "void f()", "after");
+    logger.LogHexDump("F.cpp", 12, "void f()", "after", nullptr, 0);
+}
+
+TEST_F(ALogger, WritesNothingOnceItIsDestroyed)
+{
+    const ChildResult result = RunInChild([] {
+        CThread::m_Logger.Log(LOG_EMERG, "F.cpp", 12, "void f()", "before");
+        CThread::m_Logger.~CLogger(); // as at the end of the process, which this child has not
+        LogAfterTheEnd(CThread::m_Logger);
+        return 0;
+    });
+    EXPECT_EQ(0, result.iExitCode);
+    EXPECT_EQ(std::vector<std::string>{"before"}, Messages());
+}
+
+TEST_F(ALogger, WritesNothingOnceItIsDestroyedBesideThatOfTheProcess)
+{
+    alignas(CLogger) unsigned char aMemory[sizeof(CLogger)];
+    CLogger* const pLogger = new (aMemory) CLogger;
+    pLogger->Init("life-test");
+    pLogger->Log(LOG_EMERG, "F.cpp", 12, "void f()", "before");
+    pLogger->~CLogger();
+    LogAfterTheEnd(*pLogger);
+    EXPECT_EQ(std::vector<std::string>{"before"}, Messages());
+}
+
+TEST_F(ALogger, ServesThreadsThatOutliveMain)
+{
+    const ChildResult result = RunInChild([]() -> int {
+        std::atomic<int> iLogged{0};
+        for (int i = 0; i < 3; ++i) {
+            std::thread([&iLogged] {
+                int iLevel = LOG_DEBUG;
+                CThread::m_Logger.SetLogConfigForThread("outliving", &iLevel);
+                for (;;) {
+                    QUORCORE_LOG(LOG_DEBUG, "text");
+                    ++iLogged;
+                }
+            }).detach();
+        }
+        while (iLogged < 100) {
+            std::this_thread::yield();
+        }
+        std::exit(7); // runs the destructors while they log
+    });
+    EXPECT_FALSE(result.bTimedOut);
+    EXPECT_EQ(0, result.iSignal);
+    EXPECT_EQ(7, result.iExitCode) << result.szErrors;
+    EXPECT_LE(100U, m_Syslog.Count("outliving("));
+}
+
 /// A thread that may be cancelled at any instruction, as CThread runs its bodies.
 class CCancelledThread
 {

@@ -47,7 +47,8 @@ public:
     CLogger();
     CLogger(const CLogger&) = delete;
     CLogger& operator=(const CLogger&) = delete;
-    virtual ~CLogger(); ///< closelog(3); later calls of Log() do nothing.
+    /// closelog(3), for the whole process, whichever logger goes; later calls of Log() do nothing.
+    virtual ~CLogger();
 
     /**
      * @brief Opens the system log and lets messages flow.
