@@ -46,6 +46,12 @@ __thread const char* t_pszLogLabel __attribute__((tls_model("initial-exec"))) = 
 pthread_mutex_t g_emitMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t g_strerrorMutex = PTHREAD_MUTEX_INITIALIZER;
 
+/// Every logger there is, for a fork; linked by m_pNext, since no container exists as early as the
+/// first logger. Taken before any other lock of a logger.
+pthread_mutex_t g_allLoggersMutex = PTHREAD_MUTEX_INITIALIZER;
+CLogger* g_pFirstLogger = nullptr; // guarded by g_allLoggersMutex
+bool g_bForkGuarded = false;       // guarded by g_allLoggersMutex
+
 /// Takes the thread from the process-wide logger on every way out, a cancellation included.
 class CRegistration
 {
@@ -117,9 +123,7 @@ CLogger::CLogger() : m_bShowFile(false), m_bShowLine(true), m_bReady(false)
     pthread_mutexattr_init(&m_Attr);
     pthread_mutexattr_settype(&m_Attr, PTHREAD_MUTEX_RECURSIVE);
     pthread_mutex_init(&m_hMutex, &m_Attr);
-    if (bIsProcessLogger()) {
-        GuardFork();
-    }
+    JoinAllLoggers();
 }
 
 CLogger::~CLogger()
@@ -127,7 +131,11 @@ CLogger::~CLogger()
     // First, and seen by every thread that still logs while the process ends: Log() tests it before
     // it touches anything else.
     m_bReady = false;
-    closelog();
+    LeaveAllLoggers();
+    {
+        const CHeldMutex held(g_emitMutex);
+        closelog();
+    }
     {
         const CHeldMutex held(m_hMutex);
         m_LabelTable.clear();
@@ -142,14 +150,34 @@ bool CLogger::bIsProcessLogger() const
     return this == &CThread::m_Logger;
 }
 
-void CLogger::GuardFork()
+void CLogger::JoinAllLoggers()
 {
-    pthread_atfork(PrepareFork, ResumeParent, ResumeChild);
+    const CHeldMutex held(g_allLoggersMutex);
+    m_pNext = g_pFirstLogger;
+    g_pFirstLogger = this;
+    if (!g_bForkGuarded) {
+        g_bForkGuarded = pthread_atfork(PrepareFork, ResumeParent, ResumeChild) == 0;
+    }
+}
+
+void CLogger::LeaveAllLoggers()
+{
+    const CHeldMutex held(g_allLoggersMutex);
+    CLogger** ppLink = &g_pFirstLogger;
+    while (*ppLink != nullptr && *ppLink != this) {
+        ppLink = &(*ppLink)->m_pNext;
+    }
+    if (*ppLink != nullptr) {
+        *ppLink = m_pNext;
+    }
 }
 
 void CLogger::PrepareFork()
 {
-    pthread_mutex_lock(&CThread::m_Logger.m_hMutex);
+    pthread_mutex_lock(&g_allLoggersMutex);
+    for (CLogger* pLogger = g_pFirstLogger; pLogger != nullptr; pLogger = pLogger->m_pNext) {
+        pthread_mutex_lock(&pLogger->m_hMutex);
+    }
     pthread_mutex_lock(&g_emitMutex);
     pthread_mutex_lock(&g_strerrorMutex);
 }
@@ -158,21 +186,30 @@ void CLogger::ResumeParent()
 {
     pthread_mutex_unlock(&g_strerrorMutex);
     pthread_mutex_unlock(&g_emitMutex);
-    pthread_mutex_unlock(&CThread::m_Logger.m_hMutex);
+    for (CLogger* pLogger = g_pFirstLogger; pLogger != nullptr; pLogger = pLogger->m_pNext) {
+        pthread_mutex_unlock(&pLogger->m_hMutex);
+    }
+    pthread_mutex_unlock(&g_allLoggersMutex);
 }
 
 void CLogger::ResumeChild()
 {
-    // Made anew rather than released: the recursive one belongs to a thread id of the parent.
+    // Made anew after the release, which the recursive ones refuse: they belong to a thread id of
+    // the parent.
+    ResumeParent();
     pthread_mutex_init(&g_strerrorMutex, nullptr);
     pthread_mutex_init(&g_emitMutex, nullptr);
-    pthread_mutex_init(&CThread::m_Logger.m_hMutex, &CThread::m_Logger.m_Attr);
+    for (CLogger* pLogger = g_pFirstLogger; pLogger != nullptr; pLogger = pLogger->m_pNext) {
+        pthread_mutex_init(&pLogger->m_hMutex, &pLogger->m_Attr);
+    }
+    pthread_mutex_init(&g_allLoggersMutex, nullptr);
 }
 
 void CLogger::Init(const char* szIdent)
 {
     void* pFrame = nullptr;
     backtrace(&pFrame, 1); // loads what it needs now, not in the middle of a crash
+    const CHeldMutex held(g_emitMutex);
     openlog(szIdent, LOG_PID, LOG_LOCAL0);
     m_bReady = true;
 }

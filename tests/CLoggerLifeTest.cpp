@@ -120,6 +120,118 @@ TEST_F(ALogger, ServesThreadsThatOutliveMain)
     EXPECT_LE(100U, m_Syslog.Count("outliving("));
 }
 
+/// Threads that write through a logger for as long as the object lives.
+class CLoggingThreads
+{
+public:
+    CLoggingThreads(CLogger& logger, int nThreads)
+    {
+        for (int i = 0; i < nThreads; ++i) {
+            m_Threads.emplace_back([this, &logger] {
+                int iLevel = LOG_DEBUG;
+                logger.SetLogConfigForThread("busy", &iLevel);
+                while (!m_bEnd) {
+                    logger.Log(LOG_DEBUG, "F.cpp", 12, "void f()", "%s",
+                               logger.strerrorT(EAGAIN).c_str());
+                    logger.SetAllLogLevel(LOG_DEBUG);
+                    ++m_iWritten;
+                }
+                logger.CancelLogIdForThread();
+            });
+        }
+    }
+    ~CLoggingThreads()
+    {
+        m_bEnd = true;
+        for (std::thread& thread : m_Threads) {
+            thread.join();
+        }
+    }
+    int iWritten() const { return m_iWritten; }
+
+private:
+    std::atomic<bool> m_bEnd{false};
+    std::atomic<int> m_iWritten{0};
+    std::vector<std::thread> m_Threads;
+};
+
+/// A child that uses all that a logger locks, and the process's as well.
+[[noreturn]] void LogInAChild(CLogger& logger)
+{
+    logger.SetLogConfigForThread("child", nullptr);
+    logger.Log(LOG_ERR, "F.cpp", 12, "void f()", "%s", logger.strerrorT(ENOENT).c_str());
+    logger.CancelLogIdForThread();
+    QUORCORE_LOG(LOG_ERR, "end of a child");
+    _exit(0);
+}
+
+/// @return Whether the child ended well within the limit; if not, it is no more.
+bool bEndsWell(pid_t iPid)
+{
+    int iStatus = -1;
+    if (!bAwait([&] { return waitpid(iPid, &iStatus, WNOHANG) != 0; })) {
+        kill(iPid, SIGKILL);
+        waitpid(iPid, &iStatus, 0);
+        return false;
+    }
+    return WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0;
+}
+
+/// @return 0: no child of @p nForks was left with a lock that nobody would release.
+int iForkWhileOthersLog(CLogger& logger, int nForks)
+{
+    const CLoggingThreads threads(logger, 3);
+    for (int i = 0; i < nForks; ++i) {
+        const int iWritten = threads.iWritten();
+        const pid_t iPid = fork();
+        if (iPid == 0) {
+            LogInAChild(logger);
+        }
+        if (!bEndsWell(iPid)) {
+            return 1;
+        }
+        // Those that log go on as well.
+        if (!bAwait([&] { return threads.iWritten() > iWritten; })) {
+            return 2;
+        }
+    }
+    return 0;
+}
+
+TEST_F(ALogger, WritesInAChildThatWasForkedWhileOthersLog)
+{
+    const ChildResult result =
+        RunInChild([] { return iForkWhileOthersLog(CThread::m_Logger, 50); });
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+    EXPECT_EQ(50U, m_Syslog.Count("end of a child"));
+    EXPECT_EQ(50U, m_Syslog.Count("No such file or directory"));
+}
+
+TEST_F(ALogger, WritesInAChildThatWasForkedWhileOthersLogBesideThatOfTheProcess)
+{
+    const ChildResult result = RunInChild([] {
+        CLogger another;
+        another.Init("life-test");
+        return iForkWhileOthersLog(another, 50);
+    });
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+    EXPECT_EQ(50U, m_Syslog.Count("end of a child"));
+    EXPECT_EQ(50U, m_Syslog.Count("No such file or directory"));
+}
+
+TEST_F(ALogger, SurvivesAForkOnceItIsDestroyed)
+{
+    const ChildResult result = RunInChild([] {
+        CThread::m_Logger.~CLogger();
+        const pid_t iPid = fork();
+        if (iPid == 0) {
+            _exit(0);
+        }
+        return bEndsWell(iPid) ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+}
+
 /// A thread that may be cancelled at any instruction, as CThread runs its bodies.
 class CCancelledThread
 {

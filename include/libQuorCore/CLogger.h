@@ -38,7 +38,7 @@ extern QUORCORE_API __thread const int* t_piLogLimit __attribute__((tls_model("i
  * Threads: any may call anything at any time; a message that is filtered out takes no lock.
  * Errors: nothing is reported; a lock that cannot be taken makes the call do nothing, and a line
  * for which there is no memory is lost. Log() and LogEvent() preserve errno and are no cancellation
- * points, so destructors may log. Nothing may log from a signal
+ * points, so destructors may log. A forked child may log, too. Nothing may log from a signal
  * handler.
  */
 class QUORCORE_API CLogger
@@ -183,10 +183,13 @@ private:
                   va_list args) __attribute__((format(printf, 9, 0)));
     void EmitHexDump(const char* szFile, int iLine, const char* szFunction, const char* szLabel,
                      const unsigned char* pData, unsigned int iSize);
-    void GuardFork();
+    void JoinAllLoggers();
+    void LeaveAllLoggers();
     static void PrepareFork();
     static void ResumeParent();
     static void ResumeChild();
+
+    CLogger* m_pNext = nullptr; ///< In the list of all loggers, which has a lock of its own.
 };
 
 /**
