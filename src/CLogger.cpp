@@ -110,6 +110,11 @@ void AppendNumber(std::string& szText, Integer iNumber, int iBase = 10)
     szText.append(aDigits, end.ptr);
 }
 
+bool bIsProcessLogger(const CLogger* pLogger)
+{
+    return pLogger == &CThread::m_Logger;
+}
+
 std::string szLevelKey(const std::string& szLabel)
 {
     return "log_level_" + szLabel;
@@ -143,11 +148,6 @@ CLogger::~CLogger()
     }
     pthread_mutex_destroy(&m_hMutex);
     pthread_mutexattr_destroy(&m_Attr);
-}
-
-bool CLogger::bIsProcessLogger() const
-{
-    return this == &CThread::m_Logger;
 }
 
 void CLogger::JoinAllLoggers()
@@ -224,15 +224,37 @@ void CLogger::SetShowLine(bool bShow)
     m_bShowLine = bShow;
 }
 
-/// @param szLabel  Receives the calling thread's label if it has one.
-/// @return Whether a message of @p iLevel of the calling thread passes.
-QUORCORE_AFTER_DESTRUCTION inline bool CLogger::bAdmits(int iLevel, const char*& szLabel)
+/// @return Whether it takes but a look to see that a message of @p iLevel does not pass: a call
+///         that is filtered out shall cost nothing else.
+QUORCORE_AFTER_DESTRUCTION inline bool CLogger::bRefuses(int iLevel) const
 {
-    if (!m_bReady.load(std::memory_order_relaxed)) {
-        return false;
+    if (__builtin_expect(bIsProcessLogger(this), 1)) {
+        if (__builtin_expect(!bIsEnabled(iLevel), 1)) {
+            return true;
+        }
     }
+    return !m_bReady.load(std::memory_order_relaxed);
+}
+
+QUORCORE_AFTER_DESTRUCTION
+void CLogger::Log(int iLevel, const char* szFile, int iLine, const char* szFunction,
+                  const char* szFormat, ...)
+{
+    if (bRefuses(iLevel)) {
+        return;
+    }
+    va_list args;
+    va_start(args, szFormat);
+    LogIfAdmitted(iLevel, szFile, iLine, szFunction, szFormat, args);
+    va_end(args);
+}
+
+void CLogger::LogIfAdmitted(int iLevel, const char* szFile, int iLine, const char* szFunction,
+                            const char* szFormat, va_list args)
+{
+    const char* szLabel = kGeneralLabel;
     int iLimit = kDefaultLogLevel;
-    if (bIsProcessLogger()) { // the thread's own copy of its entries: no lock on the way
+    if (bIsProcessLogger(this)) { // the thread's own copy of its entries: no lock on the way
         iLimit = iReadLevel(t_piLogLimit);
         if (t_pszLogLabel != nullptr) {
             szLabel = t_pszLogLabel;
@@ -240,21 +262,9 @@ QUORCORE_AFTER_DESTRUCTION inline bool CLogger::bAdmits(int iLevel, const char*&
     } else {
         bGetLogConfigForThread(szLabel, iLimit);
     }
-    return iLevel <= iLimit;
-}
-
-QUORCORE_AFTER_DESTRUCTION
-void CLogger::Log(int iLevel, const char* szFile, int iLine, const char* szFunction,
-                  const char* szFormat, ...)
-{
-    const char* szLabel = kGeneralLabel;
-    if (!bAdmits(iLevel, szLabel)) {
-        return;
+    if (iLevel <= iLimit) {
+        LogEvent(szLabel, iLevel, szFile, iLine, szFunction, 0, szFormat, args);
     }
-    va_list args;
-    va_start(args, szFormat);
-    LogEvent(szLabel, iLevel, szFile, iLine, szFunction, 0, szFormat, args);
-    va_end(args);
 }
 
 // A thread may be cancelled at any instruction of LogEvent() and LogHexDump(), so these have
@@ -308,14 +318,14 @@ QUORCORE_AFTER_DESTRUCTION
 void CLogger::LogHexDump(const char* szFile, int iLine, const char* szFunction, const char* szLabel,
                          const unsigned char* pData, unsigned int iSize)
 {
-    const char* szIgnored = nullptr;
-    if (bAdmits(LOG_DEBUG, szIgnored)) {
-        const int iSavedErrno = errno;
-        const cancelType_t former = DeferAnyCancel();
-        EmitHexDump(szFile, iLine, szFunction, szLabel, pData, iSize);
-        RestoreCancel(former);
-        errno = iSavedErrno;
+    if (bRefuses(LOG_DEBUG)) {
+        return;
     }
+    const int iSavedErrno = errno;
+    const cancelType_t former = DeferAnyCancel();
+    EmitHexDump(szFile, iLine, szFunction, szLabel, pData, iSize);
+    RestoreCancel(former);
+    errno = iSavedErrno;
 }
 
 void CLogger::EmitHexDump(const char* szFile, int iLine, const char* szFunction,
@@ -382,7 +392,7 @@ void CLogger::SetLogConfigForThread(const char* szLabel, int* piLevel)
     }
     m_LabelTable[iOwnThreadId()] = pszOrEmpty(szLabel);
     m_levelTable[iOwnThreadId()] = piLevel;
-    if (bIsProcessLogger()) {
+    if (bIsProcessLogger(this)) {
         t_pszLogLabel = t_registration.pszSet(pszOrEmpty(szLabel));
         t_piLogLimit = piLevel != nullptr ? piLevel : &g_iDefaultLogLevel;
     }
@@ -390,7 +400,7 @@ void CLogger::SetLogConfigForThread(const char* szLabel, int* piLevel)
 
 void CLogger::CancelLogIdForThread()
 {
-    if (bIsProcessLogger()) {
+    if (bIsProcessLogger(this)) {
         t_pszLogLabel = nullptr;
         t_piLogLimit = &g_iDefaultLogLevel;
     }
@@ -404,7 +414,7 @@ void CLogger::CancelLogIdForThread()
 
 void CLogger::ForgetLevel(const int* piLevel)
 {
-    if (bIsProcessLogger() && t_piLogLimit == piLevel) {
+    if (bIsProcessLogger(this) && t_piLogLimit == piLevel) {
         t_pszLogLabel = nullptr;
         t_piLogLimit = &g_iDefaultLogLevel;
     }

@@ -176,8 +176,9 @@ protected:
     std::map<unsigned long, int*> m_levelTable;        ///< By thread id; the levels are borrowed.
 
 private:
-    bool bIsProcessLogger() const;
-    bool bAdmits(int iLevel, const char*& szLabel);
+    bool bRefuses(int iLevel) const;
+    void LogIfAdmitted(int iLevel, const char* szFile, int iLine, const char* szFunction,
+                       const char* szFormat, va_list args) __attribute__((format(printf, 6, 0)));
     void EmitLine(const char* szLabel, int iLevel, const char* szFile, int iLine,
                   const char* szFunction, int iErrno, int iCurrentErrno, const char* szFormat,
                   va_list args) __attribute__((format(printf, 9, 0)));
