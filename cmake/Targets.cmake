@@ -33,13 +33,22 @@ function(quorcore_add_programs folder)
     endforeach()
 endfunction()
 
-# FOLDER/NAMEBench.cpp becomes the benchmark NAMEBench.
+# FOLDER/NAMEBench.cpp becomes the benchmark NAMEBench, whose main() is in FOLDER/support/.
 function(quorcore_add_benches folder)
+    set(dir ${PROJECT_SOURCE_DIR}/${folder})
     set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${folder})
-    file(GLOB files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*Bench.cpp)
+    file(GLOB sources CONFIGURE_DEPENDS ${dir}/support/*.cpp)
+    add_library(benchsupport STATIC ${sources}
+                                    ${PROJECT_SOURCE_DIR}/tests/support/PrivateDev.cpp
+                                    ${PROJECT_SOURCE_DIR}/tests/support/Files.cpp)
+    target_include_directories(benchsupport PUBLIC ${dir} ${PROJECT_SOURCE_DIR}/tests
+                                            PRIVATE ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(benchsupport PUBLIC benchmark::benchmark Threads::Threads)
+    quorcore_compile_strictly(benchsupport)
+    file(GLOB files CONFIGURE_DEPENDS ${dir}/*Bench.cpp)
     foreach(file IN LISTS files)
         get_filename_component(name ${file} NAME_WE)
         quorcore_add_program(${name} ${file})
-        target_link_libraries(${name} PRIVATE benchmark::benchmark_main)
+        target_link_libraries(${name} PRIVATE benchsupport)
     endforeach()
 endfunction()
