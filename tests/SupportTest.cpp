@@ -30,6 +30,24 @@ namespace
 {
 constexpr int kShortMs = 20; // for what must not happen: it costs every run
 
+class APrivateProcessSpace : public ::testing::Test
+{
+};
+
+TEST_F(APrivateProcessSpace, KeepsSignalsToAllFromTheMachine)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    EXPECT_EQ(2, getpid()); // after the first process, which waits for this one
+    CChild child([] {
+        pause();
+        return 0;
+    });
+    EXPECT_EQ(0, kill(-1, SIGUSR1)); // reaches all but the sender and the first
+    EXPECT_EQ(SIGUSR1, child.Await(kAwaitLimitMs).iSignal);
+}
+
 class APrivateDev : public ::testing::Test
 {
 };
