@@ -20,6 +20,7 @@
 #include "libQuorCore/CThread.h"
 #include "libQuorCore/Export.h"
 #include "libQuorCore/process_cap.h"
+#include "libQuorCore/socketFrame.h"
 #include "libQuorCore/synchro.h"
 
 /// @name Version of the library, as "--lib-quorcore-version" prints it.
