@@ -18,6 +18,7 @@
 #include "libQuorCore/CSlotCallback.h"
 #include "libQuorCore/CSlotCallbackManager.h"
 #include "libQuorCore/CThread.h"
+#include "libQuorCore/CThreadCom.h"
 #include "libQuorCore/Export.h"
 #include "libQuorCore/process_cap.h"
 #include "libQuorCore/socketFrame.h"
