@@ -6,7 +6,8 @@
 
 namespace TestSupport
 {
-/// @brief Registers the calling thread with the process's logger, at level 7, for a scope.
+/// @brief Registers the calling thread with the process's logger, at level 7, for a scope. The
+///        syslog is open from then on: a test may count descriptors.
 class CLogLevel
 {
 public:
@@ -14,6 +15,7 @@ public:
     {
         QuorCore::CThread::m_Logger.Init("test");
         QuorCore::CThread::m_Logger.SetLogConfigForThread("test", &m_iLevel);
+        QUORCORE_LOG(LOG_DEBUG, "a test begins");
     }
     CLogLevel(const CLogLevel&) = delete;
     CLogLevel& operator=(const CLogLevel&) = delete;
