@@ -17,6 +17,8 @@
 #include "libQuorCore/CSerializeBuffer.h"
 #include "libQuorCore/CSlotCallback.h"
 #include "libQuorCore/CSlotCallbackManager.h"
+#include "libQuorCore/CSocketBase.h"
+#include "libQuorCore/CSocketCallback.h"
 #include "libQuorCore/CThread.h"
 #include "libQuorCore/CThreadCom.h"
 #include "libQuorCore/Export.h"
