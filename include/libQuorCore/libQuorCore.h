@@ -19,6 +19,8 @@
 #include "libQuorCore/CSlotCallbackManager.h"
 #include "libQuorCore/CSocketBase.h"
 #include "libQuorCore/CSocketCallback.h"
+#include "libQuorCore/CSocketClient.h"
+#include "libQuorCore/CSocketServer.h"
 #include "libQuorCore/CThread.h"
 #include "libQuorCore/CThreadCom.h"
 #include "libQuorCore/Export.h"
