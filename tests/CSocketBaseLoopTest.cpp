@@ -174,6 +174,15 @@ TEST_F(ARunningSocketBase, AnswersAPingWithTheSameData)
     EXPECT_TRUE(bAwait([this] { return m_Store.Count(&m_Endpoint, EVT_COM_PING) == 1; }));
 }
 
+// Written out, as docs/frame-format.md shows them.
+TEST_F(ARunningSocketBase, AnswersThePingOfTheFormatPage)
+{
+    const std::string szPing("\xAA\xAA\x03\0\0\0\x05\0\x0A\0\0\0\0\0\x02\x01\xFD\xFF\0\0abc", 23);
+    const std::string szPong("\xAA\xAA\x03\0\0\0\x05\0\x12\0\0\0\0\0\0\0\xFD\xFF\0\0abc", 23);
+    m_Peer.bSend(szPing);
+    EXPECT_EQ(szPong, m_Peer.szReceive(23));
+}
+
 TEST_F(ARunningSocketBase, AnswersAPingWithoutDataBy20Bytes)
 {
     m_Peer.bSend(FrameBytes(CMD_COMMUN_PING));
