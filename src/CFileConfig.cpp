@@ -12,6 +12,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <functional>
+#include <locale.h>
 #include <memory>
 #include <string_view>
 #include <sys/stat.h>
@@ -71,6 +72,38 @@ using CUniqueDirectory = std::unique_ptr<DIR, CDirectoryCloser>;
 const char* szOrEmpty(const char* szText)
 {
     return szText == nullptr ? "" : szText;
+}
+
+/// Gives the thread the plain decimal point for a scope: a file must mean the same to a program
+/// that calls setlocale(3) and to one that does not. Rests on uselocale(3).
+class CPlainNumbers
+{
+public:
+    CPlainNumbers() : m_former(::uselocale(PlainLocale())) {}
+    CPlainNumbers(const CPlainNumbers&) = delete;
+    CPlainNumbers& operator=(const CPlainNumbers&) = delete;
+    ~CPlainNumbers() { ::uselocale(m_former); }
+
+private:
+    static locale_t PlainLocale()
+    {
+        static const locale_t plain = ::newlocale(LC_NUMERIC_MASK, "C", nullptr);
+        return plain; // when there was no memory for it 0, with which nothing is changed
+    }
+
+    const locale_t m_former;
+};
+
+std::string szFromFloat(float fValue)
+{
+    const CPlainNumbers plain;
+    return std::to_string(fValue);
+}
+
+float fFromText(const std::string& szText)
+{
+    const CPlainNumbers plain;
+    return std::stof(szText);
 }
 
 /// Makes the file at least @p iSize bytes long on the disk, not just in its length.
@@ -318,8 +351,8 @@ float CFileConfig::fGetParameter(const char* szKey, float fDefault)
     if (!held) {
         return fDefault;
     }
-    const std::string* pValue = pFindOrAdd(szKey, std::to_string(fDefault));
-    return pValue == nullptr ? fDefault : std::stof(*pValue);
+    const std::string* pValue = pFindOrAdd(szKey, szFromFloat(fDefault));
+    return pValue == nullptr ? fDefault : fFromText(*pValue);
 }
 
 std::string CFileConfig::szGetParameter(const char* szKey, const char* szDefault)
@@ -347,7 +380,7 @@ void CFileConfig::SetParameter(const char* szKey, unsigned int iValue)
 void CFileConfig::SetParameter(const char* szKey, float fValue)
 {
     const CDeferredCancel deferred;
-    Store(szKey, std::to_string(fValue));
+    Store(szKey, szFromFloat(fValue));
 }
 
 void CFileConfig::SetParameter(const char* szKey, const char* szValue)

@@ -10,8 +10,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -140,6 +142,35 @@ int iRunFromMemory(const std::string& szProgram, const char* szArgument)
     ::fexecve(iFd, const_cast<char* const*>(aArguments), environ);
     return 3;
 }
+
+/// Makes a locale whose decimal sign is a comma, and gives it to the process for a scope.
+class CCommaLocale
+{
+public:
+    explicit CCommaLocale(const CTempDirectory& directory)
+    {
+        WriteFile(directory.szPath("comma.src"), "LC_NUMERIC\n"
+                                                 "decimal_point \"<U002C>\"\n"
+                                                 "thousands_sep \"\"\n"
+                                                 "grouping -1\n"
+                                                 "END LC_NUMERIC\n");
+        TestSupport::RunProgram({"localedef", "-c", "-i", directory.szPath("comma.src"), "-f",
+                                 "ANSI_X3.4-1968", directory.szPath("comma")});
+        ::setenv("LOCPATH", directory.szPath().c_str(), 1);
+        m_bSet = std::setlocale(LC_NUMERIC, "comma") != nullptr;
+    }
+    CCommaLocale(const CCommaLocale&) = delete;
+    CCommaLocale& operator=(const CCommaLocale&) = delete;
+    ~CCommaLocale()
+    {
+        std::setlocale(LC_NUMERIC, "C");
+        ::unsetenv("LOCPATH");
+    }
+    bool bSet() const { return m_bSet; }
+
+private:
+    bool m_bSet = false;
+};
 
 class AFileConfig : public ::testing::Test
 {
@@ -568,6 +599,24 @@ TEST_F(AFileConfig, ReadsFloats)
     EXPECT_EQ(0.5F, m_Config.fGetParameter("half", 0));
     EXPECT_EQ(1.25F, m_Config.fGetParameter("tail", 0));
     EXPECT_EQ(1000.0F, m_Config.fGetParameter("exponent", 0));
+}
+
+TEST_F(AFileConfig, KeepsTheDecimalPointInALocaleWithAComma)
+{
+    const CCommaLocale locale(m_Directory);
+    if (!locale.bSet()) {
+        GTEST_SKIP() << "no localedef(1) to make the locale with";
+    }
+    ASSERT_EQ("0,500000", std::to_string(0.5F)) << "the locale as such is in force";
+    Load("comma=1,25\npoint=1.25\nword=chatty\n");
+    EXPECT_EQ(1.25F, m_Config.fGetParameter("point", 0));
+    EXPECT_EQ(1.0F, m_Config.fGetParameter("comma", 0));
+    EXPECT_EQ(0.5F, m_Config.fGetParameter("default", 0.5F));
+    m_Config.SetParameter("set", 0.25F);
+    EXPECT_EQ("comma=1,25\ndefault=0.500000\npoint=1.25\nset=0.250000\nword=chatty\n",
+              szReadFile(m_szFile));
+    EXPECT_THROW(m_Config.fGetParameter("word", 0), std::invalid_argument);
+    EXPECT_EQ("0,500000", std::to_string(0.5F)) << "and it still is, after an exception too";
 }
 
 TEST_F(AFileConfig, ReadsTexts)

@@ -20,8 +20,8 @@ namespace QuorCore
  * the first "=", as it stands. A line without "=", without key or without value is ignored. There
  * are no comments. Saved files have the entries in byte order of their keys.
  *
- * Numbers are stored in decimal, floats with six decimals, by the C library: a process that calls
- * setlocale(3) writes and reads the decimal sign of its locale.
+ * Numbers are stored in decimal, floats with six decimals behind a point, whatever locale the
+ * process has set.
  *
  * Threads: any, each call by itself. Getters and setters of other threads wait while the file is
  * written, not while the system is flushed.
