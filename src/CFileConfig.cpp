@@ -120,19 +120,44 @@ int iReserve(int iFd, off_t iFormerSize, off_t iSize)
     return iError;
 }
 
+/// @param iDone  Receives how much of the text was written.
 /// @return 0, or an error number.
-int iWriteAll(int iFd, const std::string& szText)
+int iWriteAll(int iFd, const std::string& szText, size_t& iDone)
 {
-    size_t iDone = 0;
+    iDone = 0;
     while (iDone < szText.size()) {
         const ssize_t iWritten = ::write(iFd, szText.data() + iDone, szText.size() - iDone);
-        if (iWritten >= 0) {
+        if (iWritten > 0) {
             iDone += static_cast<size_t>(iWritten);
+        } else if (iWritten == 0) {
+            return EIO; // write(2) leaves open what it means; trying again could go on for ever
         } else if (errno != EINTR) {
             return errno;
         }
     }
     return 0;
+}
+
+/// Writes the content of a regular file and gives it its length.
+/// @return 0, or an error number: then the file holds what was written, or, if that is nothing,
+/// what
+///         it held before.
+int iRewrite(int iFd, off_t iFormerSize, const std::string& szText)
+{
+    const auto iSize = static_cast<off_t>(szText.size());
+    int iError = iSize > iFormerSize ? iReserve(iFd, iFormerSize, iSize) : 0;
+    if (iError != 0) {
+        return iError;
+    }
+    size_t iDone = 0;
+    iError = iWriteAll(iFd, szText, iDone);
+    // Without room to spare some flash file systems fail here in spite of the reserve. What follows
+    // the new lines then must not be the end of an old one, or the zeros of the reserve.
+    const bool bUntouched = iError != 0 && iDone == 0;
+    if (::ftruncate(iFd, bUntouched ? iFormerSize : static_cast<off_t>(iDone)) != 0) {
+        return iError != 0 ? iError : errno;
+    }
+    return iError;
 }
 
 /// Replaces the content of a file; old content is touched only when the new one has its room.
@@ -145,20 +170,11 @@ int iReplaceContent(const char* szPath, const std::string& szText)
     if (!file || ::fstat(file.iGet(), &info) != 0) {
         return errno;
     }
-    const bool bRegular = S_ISREG(info.st_mode); // a device has neither length nor room
-    const auto iSize = static_cast<off_t>(szText.size());
-    if (bRegular && iSize > info.st_size) {
-        const int iError = iReserve(file.iGet(), info.st_size, iSize);
-        if (iError != 0) {
-            return iError;
-        }
-    }
-    const int iError = iWriteAll(file.iGet(), szText);
+    size_t iDone = 0; // a device has neither length nor room
+    const int iError = S_ISREG(info.st_mode) ? iRewrite(file.iGet(), info.st_size, szText)
+                                             : iWriteAll(file.iGet(), szText, iDone);
     if (iError != 0) {
         return iError;
-    }
-    if (bRegular && ::ftruncate(file.iGet(), iSize) != 0) {
-        return errno;
     }
     // Network file systems tell only here that the disk was full. After EINTR it is closed too.
     return ::close(file.iRelease()) == 0 || errno == EINTR ? 0 : errno;

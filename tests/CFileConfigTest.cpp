@@ -471,6 +471,33 @@ TEST_F(AFileConfig, WritesAnExistingFileInPlace)
         << "no other file is left behind";
 }
 
+TEST_F(AFileConfig, WritesThroughALink)
+{
+    const std::string szTarget = m_Directory.szPath("target");
+    fs::create_symlink(szTarget, m_szFile);
+    m_Config.m_map = {{"a", "1"}};
+    EXPECT_EQ(0, m_Config.iSave()) << "to a target that is to be made";
+    EXPECT_EQ("a=1\n", szReadFile(szTarget));
+    m_Config.m_map = {{"b", "2"}};
+    EXPECT_EQ(0, m_Config.iSave());
+    EXPECT_TRUE(fs::is_symlink(m_szFile));
+    EXPECT_EQ("b=2\n", szReadFile(szTarget));
+}
+
+TEST_F(AFileConfig, LeavesAFileOnAReadOnlyFileSystem)
+{
+    const CMount disk(m_Directory.szPath("disk"), "tmpfs", "size=64k");
+    ASSERT_TRUE(disk.bMounted());
+    const std::string szPath = disk.szPath("daemon.conf");
+    WriteFile(szPath, "a=1\n");
+    ASSERT_EQ(0, ::mount(nullptr, m_Directory.szPath("disk").c_str(), nullptr,
+                         MS_REMOUNT | MS_RDONLY, nullptr));
+    m_Config.m_map = {{"a", "2"}};
+    EXPECT_EQ(-1, m_Config.iSave(szPath.c_str()));
+    EXPECT_EQ("a=1\n", szReadFile(szPath));
+    EXPECT_EQ(1U, nErrorLines(szPath + ": Read-only file system"));
+}
+
 TEST_F(AFileConfig, SavesNothingWithoutAPath)
 {
     COpenConfig config;
@@ -547,6 +574,37 @@ TEST_F(AFileConfig, SavesWhatNeedsNoMoreRoomOnAFullDisk)
     m_Config.m_map = {{"a", "3"}};
     EXPECT_EQ(0, m_Config.iSave(szPath.c_str()));
     EXPECT_EQ("a=3\n", szReadFile(szPath));
+}
+
+TEST_F(AFileConfig, LeavesNoOldTextBehindANewOneThatWasCutShort)
+{
+    const CMount disk(m_Directory.szPath("disk"), "tmpfs", "size=64k");
+    ASSERT_TRUE(disk.bMounted());
+    const std::string szPath = disk.szPath("daemon.conf");
+    const std::string szPage(4096, 'o');
+    WriteFile(szPath, szPage);
+    fs::resize_file(szPath, 3 * szPage.size()); // long enough, but most of it is not on the disk
+    FillUp(disk.szPath("filler"));
+    const std::string szLong(8000, 'n');
+    m_Config.m_map = {{"a", szLong}};
+    EXPECT_EQ(-1, m_Config.iSave(szPath.c_str()));
+    EXPECT_EQ(("a=" + szLong).substr(0, szPage.size()), szReadFile(szPath));
+    EXPECT_EQ(1U, nErrorLines(szPath + ": No space left on device"));
+}
+
+TEST_F(AFileConfig, LeavesNoReserveBehindAnOldTextThatCouldNotBeReplaced)
+{
+    const CMount disk(m_Directory.szPath("disk"), "tmpfs", "size=64k");
+    ASSERT_TRUE(disk.bMounted());
+    const std::string szPath = disk.szPath("daemon.conf");
+    WriteFile(szPath, "");
+    fs::resize_file(szPath, 4096); // nothing of it is on the disk
+    WriteFile(disk.szPath("spare"), "one page");
+    FillUp(disk.szPath("filler"));
+    fs::remove(disk.szPath("spare"));
+    m_Config.m_map = {{"a", std::string(5000, 'n')}};
+    EXPECT_EQ(-1, m_Config.iSave(szPath.c_str())) << "the page goes to the reserve";
+    EXPECT_EQ(std::string(4096, '\0'), szReadFile(szPath));
 }
 
 TEST_F(AFileConfig, LosesNothingWhereRoomCannotBeReservedAtOnce)

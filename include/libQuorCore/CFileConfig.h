@@ -62,9 +62,10 @@ public:
      *
      * The file is written in place, so that its owner, mode and links stay; a new one gets mode
      * 0644, less the umask. Room for the whole text is reserved before the first old byte is
-     * overwritten: on a full disk the file keeps its former content. A power cut in the middle
-     * of a save may leave it cut short. The flush, sync(2), may take seconds; it is done on failure
-     * too.
+     * overwritten: on a full disk the file keeps its former content. Where a file system breaks the
+     * reserve, as some for flash do, it may end with the part of the new text that found room; a
+     * power cut in the middle of a save may leave it cut short as well. The flush, sync(2), may
+     * take seconds; it is done on failure too.
      *
      * @return 0; -1 when the path is empty, the lock or the file cannot be had or not all could be
      *         written: "path: error text" is then logged at level 3.
