@@ -331,7 +331,7 @@ int CFileConfig::iParseLine(FILE* pFile)
     if (pFile == nullptr) {
         return -1;
     }
-    const CHeldLock held(m_Lock);
+    const CDeferredCancel deferred;
     std::string szKey;
     std::string szValue;
     bool bInValue = false;
@@ -345,6 +345,7 @@ int CFileConfig::iParseLine(FILE* pFile)
             szKey += static_cast<char>(iByte);
         }
     }
+    const CHeldLock held(m_Lock); // not before: a pipe may keep its reader waiting
     if (held && !szKey.empty() && !szValue.empty()) {
         m_map[std::move(szKey)] = std::move(szValue);
     }

@@ -17,14 +17,17 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -172,6 +175,19 @@ private:
     bool m_bSet = false;
 };
 
+/// What sync(2) runs before it flushes; see below.
+std::function<void()> g_onFlush;
+
+/// Has a function run at each flush of the system, for a scope.
+class CFlushWatch
+{
+public:
+    explicit CFlushWatch(std::function<void()> onFlush) { g_onFlush = std::move(onFlush); }
+    CFlushWatch(const CFlushWatch&) = delete;
+    CFlushWatch& operator=(const CFlushWatch&) = delete;
+    ~CFlushWatch() { g_onFlush = nullptr; }
+};
+
 class AFileConfig : public ::testing::Test
 {
 protected:
@@ -188,6 +204,19 @@ protected:
         WriteFile(m_szFile, szContent);
         m_Config.iLoad();
         return m_Config.m_map;
+    }
+
+    /// Whether another thread could have the lock: what iTryLock() tells it.
+    int iTryLockElsewhere()
+    {
+        int iTaken = -1;
+        std::thread([this, &iTaken] {
+            iTaken = m_Config.m_Lock.iTryLock(0);
+            if (iTaken == 0) {
+                m_Config.m_Lock.UnLock();
+            }
+        }).join();
+        return iTaken;
     }
 
     CTempDirectory m_Directory;
@@ -230,6 +259,16 @@ protected:
 
 using names_t = std::vector<std::string>;
 } // namespace
+
+/// Takes the place of the C library's, as the kernel tells nobody of a flush; and does what it
+/// does.
+extern "C" void sync() noexcept
+{
+    if (g_onFlush) {
+        g_onFlush();
+    }
+    ::syscall(SYS_sync);
+}
 
 TEST_F(AFileConfig, StartsWithoutSettingsAndWithoutAName)
 {
@@ -403,6 +442,24 @@ TEST_F(AFileConfig, ReadsOneLineAtATime)
     std::fclose(pFile);
 }
 
+TEST_F(AFileConfig, HoldsNoLockWhileItAwaitsALine)
+{
+    int aPipe[2] = {-1, -1};
+    ASSERT_EQ(0, ::pipe2(aPipe, O_CLOEXEC));
+    FILE* const pReadEnd = ::fdopen(aPipe[0], "r");
+    std::thread reader([this, pReadEnd] { EXPECT_EQ(0, m_Config.iParseLine(pReadEnd)); });
+    EXPECT_EQ(1, ::write(aPipe[1], "a", 1));
+    int iUnread = 1;
+    EXPECT_TRUE(TestSupport::bAwait(
+        [&aPipe, &iUnread] { return ::ioctl(aPipe[0], FIONREAD, &iUnread) == 0 && iUnread == 0; }));
+    EXPECT_EQ(0, iTryLockElsewhere());
+    EXPECT_EQ(3, ::write(aPipe[1], "=1\n", 3));
+    reader.join();
+    EXPECT_EQ((settings_t{{"a", "1"}}), m_Config.m_map);
+    std::fclose(pReadEnd);
+    ::close(aPipe[1]);
+}
+
 TEST_F(AFileConfig, ReadsNothingFromNoFile)
 {
     EXPECT_EQ(-1, m_Config.iParseLine(nullptr));
@@ -505,6 +562,36 @@ TEST_F(AFileConfig, SavesNothingWithoutAPath)
     EXPECT_EQ(-1, config.iSave(""));
     EXPECT_EQ(-1, config.iSave(nullptr));
     EXPECT_TRUE(CSyslogReceiver::Get().Records().empty());
+}
+
+TEST_F(AFileConfig, FlushesTheSystemOnceAfterEverySave)
+{
+    std::vector<std::string> contents;
+    const CFlushWatch watch([this, &contents] {
+        contents.push_back(fs::exists(m_szFile) ? szReadFile(m_szFile) : "no file");
+    });
+    m_Config.m_map = {{"a", "1"}};
+    m_Config.iSave();
+    m_Config.SetParameter("b", 2);
+    EXPECT_EQ((std::vector<std::string>{"a=1\n", "a=1\nb=2\n"}), contents);
+}
+
+TEST_F(AFileConfig, FlushesTheSystemAfterAFailedSaveToo)
+{
+    int nFlushes = 0;
+    const CFlushWatch watch([&nFlushes] { ++nFlushes; });
+    m_Config.iSave("");
+    m_Config.iSave(m_Directory.szPath("missing/daemon.conf").c_str());
+    m_Config.iSave("/dev/full");
+    EXPECT_EQ(3, nFlushes);
+}
+
+TEST_F(AFileConfig, HoldsNoLockWhileItFlushes)
+{
+    int iTaken = -1;
+    const CFlushWatch watch([this, &iTaken] { iTaken = iTryLockElsewhere(); });
+    m_Config.SetParameter("a", 1);
+    EXPECT_EQ(0, iTaken);
 }
 
 TEST_F(AFileConfig, LogsASaveThatFindsNoDirectory)
@@ -730,14 +817,7 @@ TEST_F(AFileConfig, HoldsNoLockAfterItHasThrown)
     Load("word=chatty\n");
     EXPECT_THROW(m_Config.iGetParameter("word", 1), std::invalid_argument);
     EXPECT_THROW(m_Config.fGetParameter("word", 1), std::invalid_argument);
-    int iTaken = -1;
-    std::thread([this, &iTaken] {
-        iTaken = m_Config.m_Lock.iTryLock(0);
-        if (iTaken == 0) {
-            m_Config.m_Lock.UnLock();
-        }
-    }).join();
-    EXPECT_EQ(0, iTaken);
+    EXPECT_EQ(0, iTryLockElsewhere());
 }
 
 TEST_F(AFileConfig, TakesANullKeyAsAnEmptyOne)
