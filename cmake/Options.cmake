@@ -10,9 +10,18 @@ option(QUORCORE_STATIC "Build a static library; also chosen by BUILD_SHARED_LIBS
 option(QUORCORE_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(QUORCORE_EXAMPLES "Build the example daemons" ${PROJECT_IS_TOP_LEVEL})
 option(QUORCORE_BENCH "Build the benchmarks" OFF)
+option(QUORCORE_FUZZ "Build the fuzz targets and all else with them; needs Clang" OFF)
 option(QUORCORE_WERROR "Let a compiler warning fail the build" OFF)
 set(QUORCORE_SANITIZE "" CACHE STRING "Sanitizers for all code, as 'address,undefined' or 'thread'")
 
+if(QUORCORE_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES Clang)
+        message(FATAL_ERROR "QUORCORE_FUZZ needs Clang: -DCMAKE_CXX_COMPILER=clang++-14")
+    endif()
+    # The library is instrumented, too; the fuzzer finds its way by what it reaches in there.
+    set(QUORCORE_SANITIZE fuzzer-no-link,address,undefined)
+    set(QUORCORE_STATIC ON) # Clang links its sanitizers into programs only
+endif()
 if(QUORCORE_SANITIZE)
     # For the whole build: a race or a leak is seen only if every object was instrumented.
     add_compile_options(-fsanitize=${QUORCORE_SANITIZE} -fno-sanitize-recover=all

@@ -52,3 +52,15 @@ function(quorcore_add_benches folder)
         target_link_libraries(${name} PRIVATE benchsupport)
     endforeach()
 endfunction()
+
+# FOLDER/INPUTFuzz.cpp becomes the fuzz target INPUTFuzz; it starts best from FOLDER/INPUTSeeds:
+# BUILD/fuzz/INPUTFuzz NEW_INPUTS FOLDER/INPUTSeeds
+function(quorcore_add_fuzzers folder)
+    set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${folder})
+    file(GLOB files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*Fuzz.cpp)
+    foreach(file IN LISTS files)
+        get_filename_component(name ${file} NAME_WE)
+        quorcore_add_program(${name} ${file})
+        target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    endforeach()
+endfunction()
