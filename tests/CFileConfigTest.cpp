@@ -119,6 +119,25 @@ void FillUp(const std::string& szPath)
     ::close(iFd);
 }
 
+/// Waits until this process has a file open in that way (O_RDONLY or O_WRONLY).
+/// @return Its descriptor, or -1 when it was not opened in time.
+int iAwaitOpen(const std::string& szPath, int iMode)
+{
+    int iFd = -1;
+    TestSupport::bAwait([&szPath, &iFd, iMode] {
+        for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+            std::error_code gone; // the walk's own descriptor, for one
+            const bool bThatFile = fs::read_symlink(entry.path(), gone) == szPath;
+            const int iCandidate = std::stoi(entry.path().filename());
+            if (bThatFile && (::fcntl(iCandidate, F_GETFL) & O_ACCMODE) == iMode) {
+                iFd = iCandidate;
+            }
+        }
+        return iFd != -1;
+    });
+    return iFd;
+}
+
 /// The records of level 3 with this text behind "label(thread) -- function / line : ".
 size_t nErrorLines(const std::string& szText)
 {
@@ -727,6 +746,36 @@ TEST_F(AFileConfig, LeavesNoDescriptorOpen)
     EXPECT_EQ(nBefore, TestSupport::nOpenDescriptors());
 }
 
+TEST_F(AFileConfig, KeepsTheFileItLoadsFromPrograms)
+{
+    ASSERT_EQ(0, ::mkfifo(m_szFile.c_str(), 0600));
+    std::thread loader([this] { m_Config.iLoad(); });
+    const int iWriteEnd = ::open(m_szFile.c_str(), O_RDWR | O_CLOEXEC); // the loader awaits it
+    const int iReadEnd = iAwaitOpen(m_szFile, O_RDONLY);
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(iReadEnd, F_GETFD));
+    ::close(iWriteEnd);
+    loader.join();
+}
+
+TEST_F(AFileConfig, KeepsTheFileItSavesFromPrograms)
+{
+    ASSERT_EQ(0, ::mkfifo(m_szFile.c_str(), 0600));
+    m_Config.m_map = {{"a", std::string(1000000, 'v')}}; // more than the pipe takes at once
+    std::thread saver([this] { EXPECT_EQ(0, m_Config.iSave()); });
+    const int iReadEnd = ::open(m_szFile.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int iWriteEnd = iAwaitOpen(m_szFile, O_WRONLY);
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(iWriteEnd, F_GETFD));
+    ASSERT_EQ(0, ::fcntl(iReadEnd, F_SETFL, 0)); // it was to open without a wait
+    std::vector<char> block(65536);
+    size_t nRead = 0;
+    for (ssize_t iRead = 1; iRead > 0; nRead += static_cast<size_t>(iRead)) {
+        iRead = ::read(iReadEnd, block.data(), block.size());
+    }
+    EXPECT_EQ(strlen("a=\n") + 1000000, nRead);
+    ::close(iReadEnd);
+    saver.join();
+}
+
 TEST_F(AFileConfig, ReadsNumbersInDecimal)
 {
     Load("plain=42\nnegative=-7\nblanks= \t 8\ntail=15abc\nhex=0x10\nplus=+9\n");
@@ -961,6 +1010,16 @@ TEST_F(AFileHelper, LogsEveryDirectoryThatExistsUnderTheWholePath)
     EXPECT_EQ(4U, nErrorLines("a/b/c/: File exists")) << "a, a/b, a/b/c and the whole";
 }
 
+TEST_F(AFileHelper, MakesNoDirectoryBeforeTheFirstSlash)
+{
+    const std::string szPath = m_Directory.szPath("new");
+    const auto nSlashes = static_cast<size_t>(std::count(szPath.begin(), szPath.end(), '/'));
+    EXPECT_EQ(0, iMakeDirectory(szPath.c_str(), 0755));
+    EXPECT_TRUE(fs::is_directory(szPath));
+    EXPECT_EQ(nSlashes - 1, nErrorLines(szPath + ": File exists")) << "for all above it";
+    EXPECT_EQ(nSlashes - 1, CSyslogReceiver::Get().Records().size());
+}
+
 TEST_F(AFileHelper, GoesOnAfterADirectoryItCannotMake)
 {
     WriteFile(m_Directory.szPath("file"), "");
@@ -1087,6 +1146,18 @@ TEST_F(AFileHelper, DeletesOneRegularFile)
     EXPECT_EQ((names_t{"directory", "link", "pipe", "two"}), Entries());
     EXPECT_EQ(fs::canonical(m_Directory.szPath()), fs::current_path());
     EXPECT_EQ(nBefore, TestSupport::nOpenDescriptors());
+}
+
+TEST_F(AFileHelper, TellsOfOneFileItCannotRemoveAndNotOfMany)
+{
+    const CMount disk(m_Directory.szPath("disk"), "tmpfs", "size=64k");
+    ASSERT_TRUE(disk.bMounted());
+    WriteFile(disk.szPath("one"), "1");
+    const std::string szDisk = m_Directory.szPath("disk");
+    ASSERT_EQ(0, ::mount(nullptr, szDisk.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+    EXPECT_EQ(-1, iDeleteFile(szDisk.c_str(), "one"));
+    EXPECT_EQ(0, iEmptyDirectory(szDisk.c_str()));
+    EXPECT_TRUE(fs::exists(disk.szPath("one")));
 }
 
 TEST_F(AFileHelper, DeletesNothingThatIsNoRegularFileOfTheDirectory)
