@@ -36,6 +36,14 @@ namespace
 {
 constexpr int kNotServedMs = 300; // thirty passes of the loop without the event
 
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+// The one sees no locks of a thread any more that was cancelled in poll(2), the other takes the
+// stack that was unwound for one in use.
+constexpr bool kFollowsCancellation = false;
+#else
+constexpr bool kFollowsCancellation = true;
+#endif
+
 /// What a derived class sees of the watcher.
 class COpenWatcher : public CFileNotification
 {
@@ -43,6 +51,7 @@ public:
     COpenWatcher() : CFileNotification(nullptr, "CFileNotification") {}
     using CFileNotification::m_mapWaitNotification;
     using CObject::m_pFileNotification;
+    using CThread::m_bRunDynWait;
 };
 
 struct Event {
@@ -115,6 +124,35 @@ private:
     CJournal& m_journal;
     action_t m_action;
 };
+
+/// Does something in its destructor.
+class CLastWord : public CReporter
+{
+public:
+    CLastWord(CJournal& journal, std::function<void()> onEnd)
+        : CReporter(journal), m_onEnd(std::move(onEnd))
+    {
+    }
+    ~CLastWord() override { m_onEnd(); }
+
+private:
+    std::function<void()> m_onEnd;
+};
+
+/// One at a time, always at the same address.
+class CTenant : public CReporter
+{
+public:
+    using CReporter::CReporter;
+    static void* operator new(size_t /*iSize*/);
+    static void operator delete(void* /*pPlace*/) {}
+};
+
+void* CTenant::operator new(size_t /*iSize*/)
+{
+    alignas(CTenant) static unsigned char aPlace[sizeof(CTenant)];
+    return aPlace;
+}
 
 class AFileNotification : public ::testing::Test
 {
@@ -243,6 +281,14 @@ TEST_F(AFileNotification, ServesAFirstWatchThatIsAddedWhileItIdles)
     pWatch("a", m_A);
     CreateFile("a/new");
     EXPECT_TRUE(m_A.bAwaitEvents(1));
+}
+
+TEST_F(AFileNotification, EndsItsIdleWaitWhenAWatchIsAdded)
+{
+    Start();
+    ASSERT_TRUE(bAwait([this] { return m_Watcher.m_bRunDynWait.load(); }));
+    pWatch("a", m_A);
+    EXPECT_FALSE(m_Watcher.m_bRunDynWait) << "and no other wait begins, as there is a watch";
 }
 
 TEST_F(AFileNotification, ServesAWatchThatIsAddedWhileItWaitsForOthers)
@@ -411,6 +457,7 @@ TEST_F(AFileNotification, RemovesTheFirstOfTwoWatchesWithOneCallback)
     m_Watcher.RemoveNotification(pReporter);
     ASSERT_EQ(1U, m_Watcher.m_mapWaitNotification.size());
     EXPECT_EQ(iSecond, m_Watcher.m_mapWaitNotification.begin()->first);
+    EXPECT_EQ(nullptr, m_Watcher.m_mapWaitNotification.begin()->second) << "it was deleted";
     CreateFile("b/new");
     pWatch("c", m_C);
     Start();
@@ -461,6 +508,19 @@ TEST_F(AFileNotification, DeletesItsCallbacksWhenItGoes)
     }
     EXPECT_EQ(1, m_A.nDeleted());
     EXPECT_EQ(nBefore, TestSupport::nOpenDescriptors());
+}
+
+TEST_F(AFileNotification, StopsItsThreadBeforeItDeletesTheCallbacks)
+{
+    bool bRunning = true;
+    {
+        COpenWatcher watcher;
+        auto* const pReporter =
+            new CLastWord(m_A, [&watcher, &bRunning] { bRunning = watcher.bIsRunning(); });
+        ASSERT_EQ(0, watcher.iAddFileNotification(pReporter, "/", IN_CREATE));
+        ASSERT_EQ(0, watcher.iCreateThread(true, kAwaitLimitMs));
+    }
+    EXPECT_FALSE(bRunning);
 }
 
 TEST_F(AFileNotification, LetsACallbackRemoveItself)
@@ -527,6 +587,27 @@ TEST_F(AFileNotification, LetsACallbackRemoveTheWatchThatWasServedBefore)
     EXPECT_EQ(1U, m_B.nEvents());
 }
 
+TEST_F(AFileNotification, KnowsACallbackFromAFormerOneAtItsAddress)
+{
+    const auto addTenant = [this](const std::string& szName, CReporter::action_t action) {
+        fs::create_directory(szPath(szName));
+        auto* const pTenant = new CTenant(m_A, std::move(action));
+        m_Watcher.iAddFileNotification(pTenant, szPath(szName).c_str(), IN_CREATE);
+        return pTenant;
+    };
+    CTenant* pFormer = nullptr;
+    pFormer = addTenant("a", [this, &pFormer](CMsg&) { m_Watcher.RemoveNotification(pFormer); });
+    CreateFile("a/new");
+    Start();
+    ASSERT_TRUE(bAwait([this] { return m_A.nDeleted() == 1; }));
+    m_Watcher.iStop(true, false);
+    EXPECT_EQ(pFormer, addTenant("b", {}));
+    CreateFile("b/first");
+    CreateFile("b/second");
+    Start();
+    EXPECT_TRUE(m_A.bAwaitEvents(3)) << "one of the former, two of its successor";
+}
+
 TEST_F(AFileNotification, LetsACallbackRemoveEveryWatch)
 {
     pWatch("a", m_A, [this](CMsg&) { m_Watcher.RemoveAllNotification(); });
@@ -541,6 +622,44 @@ TEST_F(AFileNotification, LetsACallbackRemoveEveryWatch)
     EXPECT_EQ(0U, m_B.nEvents());
     EXPECT_EQ(1, m_B.nDeleted());
     EXPECT_TRUE(m_Watcher.m_mapWaitNotification.empty());
+}
+
+TEST_F(AFileNotification, LetsACallbackReadItsOwnEventsAndRemoveItselfMeanwhile)
+{
+    CReporter* pReporter = nullptr;
+    int nDeletedInside = -1;
+    pReporter = pWatch("a", m_A, [this, &pReporter, &nDeletedInside](CMsg&) {
+        if (m_A.nEvents() == 1) {
+            CreateFile("a/second");
+            m_Watcher.HandleEvents(m_Watcher.m_mapWaitNotification.begin()->first, pReporter);
+            nDeletedInside = m_A.nDeleted();
+        } else {
+            m_Watcher.RemoveNotification(pReporter);
+        }
+    });
+    CreateFile("a/first");
+    Start();
+    ASSERT_TRUE(bAwait([this] { return m_A.nDeleted() == 1; }));
+    m_Watcher.iStop(true, false);
+    EXPECT_EQ(2U, m_A.nEvents());
+    EXPECT_EQ(0, nDeletedInside) << "the outer call still uses it";
+}
+
+TEST_F(AFileNotification, LetsTheDestructorOfACallbackAddAndRemoveWatches)
+{
+    CReporter* const pSecond = pWatch("b", m_B);
+    fs::create_directory(szPath("a"));
+    auto* const pFirst = new CLastWord(m_A, [this, pSecond] {
+        m_Watcher.RemoveNotification(pSecond);
+        pWatch("c", m_C);
+    });
+    EXPECT_EQ(0, m_Watcher.iAddFileNotification(pFirst, szPath("a").c_str(), IN_CREATE));
+    m_Watcher.RemoveNotification(pFirst);
+    EXPECT_EQ(1, m_A.nDeleted());
+    EXPECT_EQ(1, m_B.nDeleted());
+    Start();
+    CreateFile("c/new");
+    EXPECT_TRUE(m_C.bAwaitEvents(1));
 }
 
 TEST_F(AFileNotification, LetsACallbackAddAWatch)
@@ -724,6 +843,25 @@ TEST_F(AFileNotification, ServesItsWatchesAgainAfterAStop)
     EXPECT_TRUE(m_A.bAwaitEvents(1));
 }
 
+TEST_F(AFileNotification, LeavesNoThreadAndNoDescriptorHoweverOftenItIsMade)
+{
+    constexpr int kTimes = 6;
+    Start(); // a sanitizer has its own thread from the first one on
+    m_Watcher.iStop(true, false);
+    const size_t nThreads = TestSupport::nThreads();
+    const size_t nDescriptors = TestSupport::nOpenDescriptors();
+    fs::create_directory(szPath("a"));
+    for (int i = 0; i < kTimes; ++i) {
+        COpenWatcher watcher;
+        watcher.iAddFileNotification(new CReporter(m_A), szPath("a").c_str(), IN_CREATE);
+        EXPECT_EQ(0, watcher.iCreateThread(i % 2 == 0, kAwaitLimitMs)); // stopped at its start, too
+        CreateFile("a/" + std::to_string(i));
+    }
+    EXPECT_EQ(kTimes, m_A.nDeleted());
+    EXPECT_EQ(nDescriptors, TestSupport::nOpenDescriptors());
+    EXPECT_TRUE(bAwait([nThreads] { return TestSupport::nThreads() == nThreads; }));
+}
+
 TEST_F(AFileNotification, SaysThatItStopped)
 {
     const auto result = TestSupport::RunInChild([this] {
@@ -737,16 +875,33 @@ TEST_F(AFileNotification, SaysThatItStopped)
 
 TEST_F(AFileNotification, LeavesItsLocksFreeWhenItIsCancelled)
 {
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-    // The one sees no locks of a thread any more that was cancelled in poll(2), the other takes the
-    // stack that was unwound for one in use.
-    GTEST_SKIP() << "the sanitizers do not follow a cancelled thread";
-#endif
+    if (!kFollowsCancellation) {
+        GTEST_SKIP() << "the sanitizers do not follow a cancelled thread";
+    }
     pWatch("a", m_A);
     Start();
     m_Watcher.iStop(true, true);
     m_Watcher.RemoveAllNotification();
     EXPECT_EQ(1, m_A.nDeleted());
+}
+
+TEST_F(AFileNotification, LetsACallbackFinishWhenItIsCancelled)
+{
+    if (!kFollowsCancellation) {
+        GTEST_SKIP() << "the sanitizers do not follow a cancelled thread";
+    }
+    std::atomic<bool> bFinished{false};
+    pWatch("a", m_A, [&bFinished](CMsg&) {
+        ::pthread_cancel(::pthread_self());
+        bFinished = true; // unless a cancellation may come at any instruction
+    });
+    Start();
+    CreateFile("a/new");
+    ASSERT_TRUE(m_A.bAwaitEvents(1));
+    m_Watcher.iStop(true, false);
+    EXPECT_TRUE(bFinished);
+    m_Watcher.RemoveAllNotification();
+    EXPECT_EQ(1, m_A.nDeleted()) << "and no lock stays taken";
 }
 
 TEST_F(AFileNotification, EndsWithItsLocksFreeWhenACallbackThrows)
