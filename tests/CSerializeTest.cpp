@@ -1,9 +1,15 @@
 #include "libQuorCore/CSerialize.h"
 
+#include "support/CChild.h"
+
 #include <climits>
+#include <cstddef>
+#include <cstring>
 #include <gtest/gtest.h>
+#include <numeric>
 #include <string>
-#include <type_traits>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <vector>
 
 using namespace QuorCore;
@@ -39,6 +45,17 @@ public:
 
     std::vector<std::string> m_steps;
 };
+
+/// @return A virtual function's place in the table that callers compiled against the header use.
+///         A pointer to it holds the offset, plus 1 on some machines (Itanium C++ ABI, 2.3).
+template <class Function>
+size_t iSlotOf(Function function)
+{
+    ptrdiff_t iOffset = 0;
+    static_assert(sizeof(function) >= sizeof(iOffset), "a pointer to a member begins with it");
+    std::memcpy(&iOffset, &function, sizeof(iOffset));
+    return static_cast<size_t>(iOffset) / sizeof(void*);
+}
 
 class ASerialize : public ::testing::Test
 {
@@ -337,6 +354,43 @@ TEST_F(ASerialize, RefusesABlockWhoseSizeLies)
         EXPECT_EQ(0x5A, aData[0]);
         EXPECT_EQ(8, reader.iGetPos()) << "behind the size field, where the data step failed";
     }
+}
+
+TEST_F(ASerialize, FailsWithoutMemory)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer ends the process when there is no memory";
+#endif
+    const auto result = TestSupport::RunInChild([this] {
+        constexpr size_t kBytes = 256 * 1024 * 1024;
+        void* const pData =
+            ::mmap(nullptr, kBytes, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        const rlimit limit{kBytes, kBytes}; // used up by the data itself
+        ::setrlimit(RLIMIT_AS, &limit);
+        const int iRet = m_Writer.iPushBuffer(pData, kBytes, "");
+        return iRet == -1 && m_bytes.empty() && m_Writer.iGetPos() == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode);
+}
+
+TEST(ADerivedStream, HasEachFunctionInThePlaceItWasCompiledWith)
+{
+    const std::vector<size_t> slots = {
+        iSlotOf(&CSerialize::iGetPos),     iSlotOf(&CSerialize::iSetPos),
+        iSlotOf(&CSerialize::pGetBuffer),  iSlotOf(&CSerialize::iPushU8),
+        iSlotOf(&CSerialize::iPopU8),      iSlotOf(&CSerialize::iPushU16),
+        iSlotOf(&CSerialize::iPopU16),     iSlotOf(&CSerialize::iPushU32),
+        iSlotOf(&CSerialize::iPopU32),     iSlotOf(&CSerialize::iPushI8),
+        iSlotOf(&CSerialize::iPopI8),      iSlotOf(&CSerialize::iPushI16),
+        iSlotOf(&CSerialize::iPopI16),     iSlotOf(&CSerialize::iPushI32),
+        iSlotOf(&CSerialize::iPopI32),     iSlotOf(&CSerialize::iPushTime),
+        iSlotOf(&CSerialize::iPopTime),    iSlotOf(&CSerialize::iPushBuffer),
+        iSlotOf(&CSerialize::iPopBuffer),  iSlotOf(&CSerialize::iPushPayload),
+        iSlotOf(&CSerialize::iPopPayload),
+    };
+    std::vector<size_t> expected(slots.size());
+    std::iota(expected.begin(), expected.end(), 2); // behind the two of the destructor
+    EXPECT_EQ(expected, slots);
 }
 
 TEST(ADerivedStream, ChangesEveryPushByItsOwn)
