@@ -560,9 +560,11 @@ TEST_F(AFileNotification, LetsACallbackReplaceTheWatchThatWouldBeServedNext)
 {
     CReporter* pSecond = nullptr;
     pWatch("a", m_A, [this, &pSecond](CMsg&) {
+        fs::create_directory(szPath("c"));
+        auto* const pThird = new CReporter(m_C); // first, or it may get the address of the second
         m_Watcher.RemoveNotification(pSecond);
-        pWatch("c", m_C); // gets the number of the descriptor that was just closed
-        CreateFile("c/new");
+        m_Watcher.iAddFileNotification(pThird, szPath("c").c_str(), IN_CREATE);
+        CreateFile("c/new"); // by the number of the descriptor that was just closed
     });
     pSecond = pWatch("b", m_B);
     CreateFile("a/new");
