@@ -339,6 +339,51 @@ TEST_F(ALogger, SurvivesTheCancellationOfThreadsThatDump)
     EXPECT_EQ(300U, m_Syslog.Count("survived"));
 }
 
+/// A thread of the library, which is cancelled in the middle of its body.
+class CBusyThread : public CThread
+{
+public:
+    CBusyThread() : CThread(nullptr, "busy") { m_iLogLevel = LOG_DEBUG; }
+    ~CBusyThread() override { iStop(true, true); }
+
+private:
+    long iRunThread() override
+    {
+        m_bRun = true;
+        for (;;) {
+            QUORCORE_LOG(LOG_DEBUG, "busy");
+        }
+    }
+};
+
+TEST_F(ALogger, SurvivesTheCancellationOfTheLibrarysThreads)
+{
+    if (!bCancelsAtAnyInstruction) {
+        GTEST_SKIP() << "not under the thread sanitizer";
+    }
+    const ChildResult result = RunInChild(
+        [] {
+            for (int i = 0; i < 200; ++i) {
+                CBusyThread thread;
+                if (thread.iCreateThread(true, kAwaitLimitMs) != 0) {
+                    return 1;
+                }
+                thread.iStop(true, true);
+                CThread::m_Logger.SetAllLogLevel(LOG_DEBUG);
+                QUORCORE_LOG(LOG_ERR, "survived %d", i);
+            }
+            return 0;
+        },
+        kCancelLimitMs);
+    EXPECT_FALSE(result.bTimedOut) << "a lock was left behind";
+    EXPECT_EQ(0, result.iSignal) << result.szErrors;
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+    EXPECT_EQ(200U, m_Syslog.Count("survived"));
+    std::string szPage;
+    CThread::m_Logger.iGetLogConfigHtml(szPage, "");
+    EXPECT_NE(std::string::npos, szPage.find("Number of sources: 0<"));
+}
+
 TEST_F(ALogger, MayWriteInADestructorOfAThreadThatIsBeingCancelled)
 {
     struct LogsInItsDestructor {
