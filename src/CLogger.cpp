@@ -22,6 +22,7 @@
 #include <execinfo.h>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <vector>
 
 // A function that may be called when the destructor has run: threads outlive the static objects. It
@@ -101,13 +102,63 @@ int iReadLevel(const int* piLevel)
     return __atomic_load_n(piLevel, __ATOMIC_RELAXED);
 }
 
-template <class Integer>
-void AppendNumber(std::string& szText, Integer iNumber, int iBase = 10)
+/// A line under construction: on the stack, and on the heap only what does not fit there.
+class CLine
 {
-    char aDigits[24];
-    const std::to_chars_result end =
-        std::to_chars(std::begin(aDigits), std::end(aDigits), iNumber, iBase);
-    szText.append(aDigits, end.ptr);
+public:
+    CLine& operator<<(std::string_view szText)
+    {
+        if (m_szLong.empty() && m_iSize + szText.size() < sizeof(m_aShort)) {
+            std::memcpy(m_aShort + m_iSize, szText.data(), szText.size());
+            m_iSize += szText.size();
+        } else {
+            if (m_szLong.empty()) {
+                m_szLong.assign(m_aShort, m_iSize);
+            }
+            m_szLong.append(szText);
+        }
+        return *this;
+    }
+
+    /// @return The line so far; valid until the next part is added.
+    const char* pszText()
+    {
+        if (!m_szLong.empty()) {
+            return m_szLong.c_str();
+        }
+        m_aShort[m_iSize] = '\0';
+        return m_aShort;
+    }
+
+private:
+    char m_aShort[512]; // up to m_iSize
+    size_t m_iSize = 0;
+    std::string m_szLong; // empty until it is needed
+};
+
+/// The digits of a number, as a text that lives as long as the object.
+class CDigits
+{
+public:
+    template <class Integer>
+    explicit CDigits(Integer iNumber, int iBase = 10)
+        : m_pEnd(std::to_chars(std::begin(m_aDigits), std::end(m_aDigits), iNumber, iBase).ptr)
+    {
+    }
+    operator std::string_view() const
+    {
+        return std::string_view(m_aDigits, static_cast<size_t>(m_pEnd - m_aDigits));
+    }
+
+private:
+    char m_aDigits[24]; // of 64 bits, with a sign
+    const char* m_pEnd;
+};
+
+template <class Integer>
+void AppendNumber(std::string& szText, Integer iNumber)
+{
+    szText.append(CDigits(iNumber));
 }
 
 bool bIsProcessLogger(const CLogger* pLogger)
@@ -286,30 +337,25 @@ void CLogger::EmitLine(const char* szLabel, int iLevel, const char* szFile, int 
                        va_list args)
 try {
     const CNoCancel noCancel; // syslog(3) is a cancellation point, but a destructor may log
-    std::string szLine;
-    szLine.reserve(512);
-    szLine.append(pszOrEmpty(szLabel)).append("(");
-    AppendNumber(szLine, iOwnThreadId(), 16);
-    szLine.append(") -- ").append(pszOrEmpty(szFunction)).append(" / ");
+    CLine line;
+    line << pszOrEmpty(szLabel) << "(" << CDigits(iOwnThreadId(), 16) << ") -- "
+         << pszOrEmpty(szFunction) << " / ";
     if (m_bShowFile) {
-        szLine.append(pszOrEmpty(szFile)).append(" - ");
+        line << pszOrEmpty(szFile) << " - ";
     }
     if (m_bShowLine) {
-        AppendNumber(szLine, iLine);
-        szLine.append(" : ");
+        line << CDigits(iLine) << " : ";
     }
     if (iErrno != 0) {
         // The number given and the text of the current errno: they may differ. Meant, and held by
         // ALogger.NamesTheErrnoGivenAndTheTextOfTheCurrentOne.
-        szLine.append("errno:");
-        AppendNumber(szLine, iErrno);
-        szLine.append(" (").append(strerrorT(iCurrentErrno)).append(")\t");
+        line << "errno:" << CDigits(iErrno) << " (" << strerrorT(iCurrentErrno) << ")\t";
     }
-    szLine.append(pszOrEmpty(szFormat));
+    line << pszOrEmpty(szFormat);
 
     const CHeldMutex held(g_emitMutex);
     errno = iCurrentErrno; // for a "%m" of the caller
-    vsyslog(iLevel, szLine.c_str(), args);
+    vsyslog(iLevel, line.pszText(), args);
 } catch (const std::bad_alloc&) {
     // The line is lost. The caller has other worries now.
 }

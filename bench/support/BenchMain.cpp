@@ -20,7 +20,7 @@ constexpr const char* kLimitSuffix = ", limit";
 
 // Defaults, which options of the command line override. In turns, so that whatever else the machine
 // does meets workload and limit alike.
-constexpr const char* kDefaultOptions[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.1",
+constexpr const char* kDefaultOptions[] = {"--benchmark_repetitions=15", "--benchmark_min_time=0.06",
                                            "--benchmark_enable_random_interleaving=true"};
 
 std::vector<comparison_t>& Comparisons()
