@@ -52,29 +52,31 @@ void LogIntOption(int iFd, int iLevel, int iOption, const char* pszLabel)
 }
 
 /// Counts one up for a scope.
+template <class Count>
 class CCounted
 {
 public:
-    explicit CCounted(int& iCount) : m_iCount(iCount) { ++m_iCount; }
+    explicit CCounted(Count& iCount) : m_iCount(iCount) { ++m_iCount; }
     CCounted(const CCounted&) = delete;
     CCounted& operator=(const CCounted&) = delete;
     ~CCounted() { --m_iCount; }
 
 private:
-    int& m_iCount;
+    Count& m_iCount;
 };
 
-/// Names the calling thread in a slot for a scope.
-class CNamedThread
+/// Keeps a value in a slot for a scope, and nothing after it.
+template <class Slot, class Value>
+class CForScope
 {
 public:
-    explicit CNamedThread(std::atomic<pthread_t>& slot) : m_slot(slot) { m_slot = pthread_self(); }
-    CNamedThread(const CNamedThread&) = delete;
-    CNamedThread& operator=(const CNamedThread&) = delete;
-    ~CNamedThread() { m_slot = 0; }
+    CForScope(Slot& slot, Value value) : m_slot(slot) { m_slot = value; }
+    CForScope(const CForScope&) = delete;
+    CForScope& operator=(const CForScope&) = delete;
+    ~CForScope() { m_slot = Value{}; }
 
 private:
-    std::atomic<pthread_t>& m_slot;
+    Slot& m_slot;
 };
 } // namespace
 
@@ -96,12 +98,13 @@ CSocketBase::~CSocketBase()
 
 long CSocketBase::iStop(bool bWait, bool bForce)
 {
-    // Asked before the connection is closed: the loop must not make another one in between.
+    const CDeferredCancel deferred;
     const bool bAutoDelete = bIsAutoDelete();
-    ++m_iStopping;
-    AskStop();
-    Close();
-    --m_iStopping;
+    {
+        const CCounted stopping(m_iStopping);
+        AskStop(); // before the connection is closed: the loop must not make another in between
+        Close();
+    }
     if (bAutoDelete) {
         return 0; // its thread may have deleted the object by now
     }
@@ -127,6 +130,8 @@ long CSocketBase::iRunThread()
 {
     const CDeferredCancel deferred; // a cancellation unwinds at a system call, not with a lock held
     const CReading reading(*this);
+    CFdPin socket(*m_pFdGate); // kept from frame to frame
+    const CForScope pinned(m_pReaderPin, &socket);
     m_bRun = true;
     int iWaitSec = m_iFirstConnectDelaySec;
     long lCarried = 0; // bytes of m_pRxBuffer that no consumer has taken yet
@@ -134,6 +139,7 @@ long CSocketBase::iRunThread()
         if (bGetConnected()) {
             lCarried = lServeOneFrame(lCarried);
         } else {
+            socket.Leave(); // who has closed it left that to us
             Reconnect(iWaitSec);
             lCarried = 0;
         }
@@ -156,6 +162,7 @@ long CSocketBase::lServeOneFrame(long lCarried)
     const long lResult = lRead(pFrame, std::min<long>(m_lSizeDataMax, kFrameDataBytesMax), &lSize);
     if (lResult < 0 && m_bRun) {
         Close();
+        m_pReaderPin->Leave();
         bDynWait(kReadFailureWaitSec);
     }
     if (lResult <= 0) {
@@ -252,9 +259,9 @@ long CSocketBase::lInWriteTurn(Write write)
         const CCounted depth(m_iWriteDepth);
         if (bOutermost) {
             m_iSendError = 0;
+            m_iTurnFd = socket.iEnter(m_iSocket);
         }
-        socket.Enter(m_iSocket);
-        lResult = write(socket.iGet());
+        lResult = write(m_iTurnFd);
         iError = bOutermost ? m_iSendError : 0;
     }
     if (iError != 0) {
@@ -352,16 +359,18 @@ long CSocketBase::iRead(uint8_t* pFrame, long lSizeToRead, long* plNbrRcv)
     return lRead;
 }
 
-// One recv(2), with the descriptor pinned for its duration only.
 long CSocketBase::lReceive(uint8_t* pTarget, long lSize, int& iError)
 {
-    const CFdPin socket(*m_pFdGate, m_iSocket);
-    if (socket.iGet() == -1 && !m_bConnected) { // closed since the caller asked
+    const bool bInLoop = bIsReadingThread() && m_pReaderPin != nullptr;
+    CFdPin passing(*m_pFdGate); // for who reads outside of the loop
+    CFdPin& socket = bInLoop ? *m_pReaderPin : passing;
+    const int iFd = socket.iEnter(m_iSocket);
+    if (iFd == -1 && !m_bConnected) { // closed since the caller asked
         iError = ENOTCONN;
         return 0;
     }
     errno = 0; // the end of the stream leaves it alone, and it is looked at all the same
-    const ssize_t lChunk = recv(socket.iGet(), pTarget, static_cast<size_t>(lSize), MSG_WAITALL);
+    const ssize_t lChunk = recv(iFd, pTarget, static_cast<size_t>(lSize), MSG_WAITALL);
     iError = errno;
     return lChunk;
 }
@@ -386,6 +395,9 @@ long CSocketBase::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
 
 bool CSocketBase::bTakeAsAnswer(socketFrame_t* pFrame)
 {
+    if (m_ExchangeResult != kExchangePending) {
+        return false; // a request is written after this is set, so no answer passes here
+    }
     const CHeldLock<CRecursiveLock> held(m_LockDataExchange);
     // The tag is the address of the number, so that 0 can be awaited, and a text that somebody
     // awaits through iExchange() is not taken for a number.
@@ -397,8 +409,8 @@ bool CSocketBase::bTakeAsAnswer(socketFrame_t* pFrame)
     }
     const long lSize = pFrame->GetDataSize();
     const long lRoom = m_pLastRead != nullptr ? m_iSizeMaxRead : 0;
-    if (lSize > lRoom && lSize > 0) {
-        CompleteExchange(-1); // refused whole: half an answer is none
+    if ((lSize > lRoom && lSize > 0) || m_bOversize) {
+        CompleteExchange(-1); // refused whole: half an answer is none, nor is it an empty one
         return true;
     }
     if (lSize > 0) {
@@ -415,6 +427,7 @@ bool CSocketBase::bTakeAsAnswer(socketFrame_t* pFrame)
 
 void CSocketBase::Close()
 {
+    const CDeferredCancel deferred;
     Abandon();
     OnDeconnect();
 }
@@ -578,6 +591,7 @@ long CSocketBase::lRead(socketFrame_t* pFrame, long lSizeToRead, long* plNbrRcv)
         return -1;
     }
     constexpr long kHeader = static_cast<long>(kFrameHeaderSize);
+    m_bOversize = false;
     long lReceived = 0;
     const long lHeader = iRead(pBytes(pFrame), kHeader, &lReceived);
     if (lHeader < 1) {
@@ -589,6 +603,7 @@ long CSocketBase::lRead(socketFrame_t* pFrame, long lSizeToRead, long* plNbrRcv)
     const uint32_t iSize = pFrame->size;
     if (static_cast<int64_t>(iSize) > std::max(lSizeToRead, 0L)) {
         pFrame->size = 0; // handlers go by this field, and nothing of the data is here
+        m_bOversize = true;
         return lHeader;
     }
     if (iSize == 0) {
@@ -640,7 +655,7 @@ long CSocketBase::iExchangeCmd(uint16_t command, uint8_t* pPayload, long size,
         if (!exchange) {
             return -1;
         }
-        const CNamedThread exchanging(m_exchangingThread);
+        const CForScope exchanging(m_exchangingThread, pthread_self());
         m_iExchangeSendError = 0;
         m_iCommandToWait = commandToWait;
         CAwaitedAnswer answer(*this, reinterpret_cast<uint8_t*>(&m_iCommandToWait), pPayloadRet,

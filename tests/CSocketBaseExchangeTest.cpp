@@ -162,6 +162,16 @@ TEST_F(ASocketExchange, RefusesAnAnswerThatIsTooLarge)
     EXPECT_TRUE(bIsIdle());
 }
 
+TEST_F(ASocketExchange, DoesNotTakeAnOversizeAnswerForAnEmptyOne)
+{
+    auto exchange = Exchange();
+    ReceiveFrame(m_Peer);
+    m_Peer.bSend(HeaderBytes(kAnswer, 60001)); // the endpoint is configured for 60000
+    EXPECT_EQ(-1, exchange.get());
+    EXPECT_EQ(0, m_lUsed);
+    EXPECT_EQ("#", szAnswer(1));
+}
+
 TEST_F(ASocketExchange, RefusesDataThatItHasNoBufferFor)
 {
     auto exchange = std::async(std::launch::async, [this] {

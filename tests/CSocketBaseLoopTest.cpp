@@ -406,6 +406,19 @@ TEST_F(ARunningSocketBase, SurvivesAnnouncementsOfAnySize)
     }
 }
 
+TEST_F(ARunningSocketBase, GivesBackTheDescriptorOfALostConnection)
+{
+    ASSERT_TRUE(bAnswersAPing());
+    const int iFd = m_Endpoint.m_iSocket;
+    m_Endpoint.Close();
+    EXPECT_TRUE(m_Peer.bReceiveEof());
+    EXPECT_TRUE(bAwait([iFd] { return fcntl(iFd, F_GETFD) == -1; }));
+    Restart(1000);
+    const int iNextFd = m_Endpoint.m_iSocket;
+    ASSERT_TRUE(m_Peer.bSend(std::string(20, '#')));
+    EXPECT_TRUE(bAwait([iNextFd] { return fcntl(iNextFd, F_GETFD) == -1; }));
+}
+
 TEST_F(ARunningSocketBase, ClosesOnAFrameWithoutTheMagic)
 {
     m_Peer.bSend("GET / HTTP/1.1\r\nHost: x\r\n\r\n");

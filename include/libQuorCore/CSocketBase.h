@@ -16,6 +16,7 @@
 namespace QuorCore
 {
 class CFdGate;
+class CFdPin;
 
 /**
  * @brief Connects, reads frames and answers the common commands; subclasses supply iConnect().
@@ -288,10 +289,13 @@ private:
 
     const std::unique_ptr<CFdGate> m_pFdGate;
     std::atomic<int> m_iFirstConnectDelaySec;
-    std::atomic<int> m_iStopping{0};              ///< Calls of iStop() that still use the object.
-    uint16_t m_iCommandToWait = 0;                ///< Unchanged while m_pTagToWait points here.
-    int m_iWriteDepth = 0;                        ///< Guarded by m_RecursiveLock.
-    int m_iSendError = 0;                         ///< Guarded by m_RecursiveLock.
+    std::atomic<int> m_iStopping{0}; ///< Calls of iStop() that still use the object.
+    CFdPin* m_pReaderPin = nullptr;  ///< The loop's; only its thread looks.
+    bool m_bOversize = false; ///< The frame last read has data that was not read; its reader's.
+    uint16_t m_iCommandToWait = 0; ///< Unchanged while m_pTagToWait points here.
+    int m_iWriteDepth = 0;         ///< Guarded by m_RecursiveLock.
+    int m_iTurnFd = -1;            ///< Of the write under way. Guarded by m_RecursiveLock.
+    int m_iSendError = 0;          ///< Guarded by m_RecursiveLock.
     std::atomic<pthread_t> m_exchangingThread{0}; ///< The one that holds m_LockExchange, or 0.
     int m_iExchangeSendError = 0;                 ///< That thread's.
 };

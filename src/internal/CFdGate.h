@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace QuorCore
@@ -50,23 +51,34 @@ private:
     std::vector<Entry> m_entries; // pinned ones only, so one or two; guarded by m_lock
 };
 
-/// Pins a descriptor for a scope.
+/// Pins one descriptor at a time, to the end of the scope at the latest.
 class CFdPin
 {
 public:
-    explicit CFdPin(CFdGate& gate) : m_gate(gate) {} ///< Pins nothing until Enter().
-    CFdPin(CFdGate& gate, const std::atomic<int>& slot) : m_gate(gate), m_iFd(gate.iEnter(slot)) {}
+    explicit CFdPin(CFdGate& gate) : m_gate(gate) {} ///< Pins nothing yet.
+    CFdPin(CFdGate& gate, const std::atomic<int>& slot) : m_gate(gate) { iEnter(slot); }
     CFdPin(const CFdPin&) = delete;
     CFdPin& operator=(const CFdPin&) = delete;
-    ~CFdPin() noexcept(false)
+    ~CFdPin() noexcept(false) { Leave(); }
+
+    /// Pins what @p slot names instead of what was pinned; at no cost when that is the same.
+    /// @return The descriptor, or -1.
+    int iEnter(const std::atomic<int>& slot)
     {
-        if (m_iFd != -1) {
-            m_gate.Leave(m_iFd);
+        const int iFd = slot;
+        if (iFd == -1 || iFd != m_iFd) {
+            Leave();
+            m_iFd = m_gate.iEnter(slot);
         }
+        return m_iFd;
     }
 
-    /// Pins what @p slot names; once, and only after the constructor without a slot.
-    void Enter(const std::atomic<int>& slot) { m_iFd = m_gate.iEnter(slot); }
+    void Leave() ///< Unpins what was pinned.
+    {
+        if (m_iFd != -1) {
+            m_gate.Leave(std::exchange(m_iFd, -1));
+        }
+    }
 
     int iGet() const { return m_iFd; } ///< The descriptor, or -1.
 

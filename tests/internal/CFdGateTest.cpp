@@ -80,6 +80,25 @@ TEST_F(AnFdGate, KeepsADescriptorOpenForTheLastOfItsUsers)
     EXPECT_FALSE(bIsOpen(m_iFd));
 }
 
+TEST_F(AnFdGate, LetsAPinMoveOnToTheNextDescriptor)
+{
+    int aPair[2] = {-1, -1};
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, aPair));
+    CFdPin pin(m_Gate);
+    EXPECT_EQ(-1, pin.iGet());
+    EXPECT_EQ(m_iFd, pin.iEnter(m_Slot));
+    EXPECT_EQ(m_iFd, pin.iEnter(m_Slot)); // counted once
+    m_Gate.Retire(m_Slot);
+    m_Slot = aPair[0];
+    EXPECT_TRUE(bIsOpen(m_iFd));
+    EXPECT_EQ(aPair[0], pin.iEnter(m_Slot));
+    EXPECT_FALSE(bIsOpen(m_iFd));
+    pin.Leave();
+    m_Gate.Retire(m_Slot);
+    EXPECT_FALSE(bIsOpen(aPair[0]));
+    close(aPair[1]);
+}
+
 TEST_F(AnFdGate, EndsTheConnectionAtOnce)
 {
     const CFdPin pin(m_Gate, m_Slot);
