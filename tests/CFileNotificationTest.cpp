@@ -854,7 +854,7 @@ TEST_F(AFileNotification, LeavesNoThreadAndNoDescriptorHoweverOftenItIsMade)
     const size_t nDescriptors = TestSupport::nOpenDescriptors();
     fs::create_directory(szPath("a"));
     for (int i = 0; i < kTimes; ++i) {
-        COpenWatcher watcher;
+        CFileNotification watcher(nullptr, "watcher"); // as it is: derived ones stop it themselves
         watcher.iAddFileNotification(new CReporter(m_A), szPath("a").c_str(), IN_CREATE);
         EXPECT_EQ(0, watcher.iCreateThread(i % 2 == 0, kAwaitLimitMs)); // stopped at its start, too
         CreateFile("a/" + std::to_string(i));
