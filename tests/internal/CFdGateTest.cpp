@@ -151,7 +151,7 @@ TEST_F(AnFdGate, NeverLetsAThreadMeetAnotherFile)
             }
         });
     }
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 500; ++i) {
         m_Gate.Retire(m_Slot);
         int aStranger[2] = {-1, -1}; // takes the number that has just become free
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, aStranger));
