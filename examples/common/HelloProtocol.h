@@ -1,0 +1,16 @@
+/// @file
+/// @brief What hello_daemon and hello_client agree on beyond the common commands.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// Request: a name of 1 to kNameBytesMax bytes. Answer: "hello, " and the name; empty, with the
+/// error word at kErrorBadName, for any other request.
+constexpr uint16_t CMD_HELLO_GREET = 1000;
+
+constexpr size_t kNameBytesMax = 64;
+constexpr uint16_t kErrorBadName = 1;
+
+/// The port where neither side is told another one.
+constexpr int kDefaultPort = 5555;

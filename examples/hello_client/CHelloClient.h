@@ -1,0 +1,87 @@
+/// @file
+/// @brief The application object of hello_client.
+#pragma once
+
+#include "../common/CSupervisor.h"
+
+#include <libQuorCore/libQuorCore.h>
+
+#include <string>
+#include <vector>
+
+/**
+ * @brief A daemon that talks to hello_daemon as its client and prints what it is answered.
+ *
+ * Its arguments are commands, done in turn on one connection; "-" reads further ones from the
+ * standard input, one in each line. Every command prints one line, which begins with its name.
+ * The line of one that failed goes on with "FAILED".
+ *
+ * Commands: ping, version, pid, name, greet NAME, echo BYTES, page, level LABEL LEVEL.
+ * Keys of its configuration: "host", "port", "timeout_ms", "monitoring_period_s", and "log_level_"
+ * followed by the label of a thread.
+ */
+class CHelloClient : public QuorCore::CCoreApp
+{
+public:
+    /// @param commands  What is to be done.
+    CHelloClient(int argc, char** argv, std::vector<std::string> commands);
+    ~CHelloClient() override; ///< Stops what the threads use before it goes.
+
+    /// Runs from start to end. @return The exit status: 0 when every command was answered.
+    int iRun();
+
+    /// Reads the settings, then does what the library does.
+    /// @return As CCoreApp::iInitInstance(); kBadSettings when a setting cannot be used.
+    long iInitInstance() override;
+
+    /// Registers the slot for both events. @return 0.
+    long iInitCallback() override;
+
+    void OnLink(QuorCore::CMsg* pMsg); ///< Slot: the link came up or went down; on the
+                                       ///< dispatcher's thread.
+
+    static constexpr long kBadSettings = 2;
+
+private:
+    /// What a command prints behind its name, and whether it succeeded.
+    struct result_t {
+        bool bGood = false;
+        std::string szText;
+    };
+
+    /// A row of the log page.
+    struct logRow_t {
+        int iIndex = 0;
+        std::string szLabel;
+        std::string szLevel; ///< As "3-error".
+    };
+
+    bool bReadSettings();
+    bool bStart();
+    void Stop();
+    bool bDoAll();
+    bool bDoLines();
+    bool bDo(const std::string& szCommand);
+    result_t Do(const std::vector<std::string>& words);
+
+    result_t Ping();
+    result_t Version();
+    result_t Pid();
+    result_t Name();
+    result_t Greet(const std::string& szName);
+    result_t Echo(int iBytes);
+    result_t Page();
+    result_t Level(const std::string& szLabel, int iLevel);
+
+    bool bExchange(uint16_t command, std::string szRequest, uint16_t commandToWait,
+                   std::string& szAnswer);
+    bool bReadRows(std::vector<logRow_t>& rows, size_t& pageBytes);
+
+    const std::vector<std::string> m_commands;
+    std::string m_szHost;
+    int m_iPort = 0;
+    int m_iTimeoutMs = 0;
+    QuorCore::CEvent m_Connected; ///< Set by the slot.
+    QuorCore::CSocketClient m_Link;
+    CSupervisor m_Supervisor; ///< Uses the link, so it is destroyed before it.
+};

@@ -1,0 +1,206 @@
+#include "CHelloDaemon.h"
+
+#include "../common/HelloProtocol.h"
+#include "../common/Settings.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <pwd.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace QuorCore;
+
+namespace
+{
+constexpr int kStartLimitMs = 1000;  // for the loop of a thread to begin
+constexpr long kDataBytesMax = 4096; // of a frame that a peer sends us
+
+const char* pszOrEmpty(const char* szText)
+{
+    return szText != nullptr ? szText : "";
+}
+} // namespace
+
+CHelloDaemon::CHelloDaemon(int argc, char** argv)
+    : CCoreApp(nullptr, argc, argv),
+      m_szUserOption(pszOrEmpty(szGetParamArguments(argc, argv, "--user"))),
+      m_szGroupOption(pszOrEmpty(szGetParamArguments(argc, argv, "--group"))),
+      m_Child(this, "child"), m_Server(this, "hello_server"), m_Supervisor(this, "hello_supervisor")
+{
+    m_FileConfig.SetFilename(szConfigOption(*this, argc, argv).c_str());
+}
+
+CHelloDaemon::~CHelloDaemon()
+{
+    Stop();
+}
+
+int CHelloDaemon::iRun()
+{
+    m_bRun = true; // before the signals are ours: from there on a SIGTERM lowers it, for good
+    if (iInitInstance() != 0) {
+        return EXIT_FAILURE;
+    }
+    iInitCallback();
+    int iStatus = EXIT_FAILURE;
+    if (bStart()) {
+        AnnounceReady();
+        ProcessSignal();
+        iStatus = EXIT_SUCCESS;
+    }
+    QUORCORE_LOG(LOG_NOTICE, "stopping");
+    m_Logger.iGetLogLevel(&m_FileConfig); // while the threads are there to be asked
+    Stop();
+    iExitInstance(); // stops the child, saves the configuration
+    return iStatus;
+}
+
+// The library loads the configuration itself, but drops the privileges in the same call: who to
+// become has to be known before, and a bad file is best told to the caller's terminal.
+long CHelloDaemon::iInitInstance()
+{
+    m_FileConfig.iLoad();
+    return bReadSettings() && bReadIdentity() ? CCoreApp::iInitInstance() : kBadSettings;
+}
+
+bool CHelloDaemon::bReadSettings()
+{
+    int iPeriodSec = 0;
+    const bool bGood = bReadNumber(m_FileConfig, "port", kDefaultPort, 0, 65535, m_iPort) &&
+                       bReadNumber(m_FileConfig, "monitoring_period_s", 10, 1, 30, iPeriodSec) &&
+                       bReadLogLevel(m_FileConfig, *this, LOG_NOTICE) &&
+                       bReadLogLevel(m_FileConfig, m_callbackManager, LOG_NOTICE) &&
+                       bReadLogLevel(m_FileConfig, m_Server, LOG_NOTICE) &&
+                       bReadLogLevel(m_FileConfig, m_Supervisor, kDefaultLogLevel);
+    m_Supervisor.SetPeriod(iPeriodSec);
+    return bGood;
+}
+
+// The library goes on as root when it does not know the user. This daemon prefers not to start.
+bool CHelloDaemon::bReadIdentity()
+{
+    const std::string szUser =
+        m_szUserOption.empty() ? m_FileConfig.szGetParameter("user", "") : m_szUserOption;
+    const std::string szGroup =
+        m_szGroupOption.empty() ? m_FileConfig.szGetParameter("group", "") : m_szGroupOption;
+    if (szUser.empty()) {
+        return true;
+    }
+    const passwd* const pUser = getpwnam(szUser.c_str());
+    if (pUser == nullptr) {
+        QUORCORE_LOG(LOG_ERR, "there is no user %s", szUser.c_str());
+        return false;
+    }
+    if (pUser->pw_uid != getuid()) { // else there is nothing to drop, nor the right to
+        m_szUser = szUser;
+        m_szGroup = szGroup;
+    }
+    return true;
+}
+
+long CHelloDaemon::iInitCallback()
+{
+    const auto connect = [this](uint32_t iEventId, void (CHelloDaemon::*slot)(CMsg*)) {
+        m_callbackManager.pAddCallback(iEventId, new CSlotCallback<CHelloDaemon>(this, slot));
+    };
+    connect(EVT_CONFIG_SAVE, &CHelloDaemon::OnConfigSave);
+    connect(EVT_COM_CONNECTED, &CHelloDaemon::OnLink);
+    connect(EVT_COM_DISCONNECTED, &CHelloDaemon::OnLink);
+    connect(EVT_PROCESS_STOPPED, &CHelloDaemon::OnProcessStopped);
+    return CCoreApp::iInitCallback();
+}
+
+bool CHelloDaemon::bStart()
+{
+    m_Server.Configure(m_iPort, kDataBytesMax, "peer of hello_daemon");
+    m_Server.SetFirstConnectDelay(0); // answers as soon as it is up
+    m_Supervisor.Supervise(m_Server);
+    const bool bStarted = m_callbackManager.iCreateThread(true, kStartLimitMs) == 0 &&
+                          m_Server.iCreateThread(true, kStartLimitMs) == 0 &&
+                          m_Supervisor.iCreateThread(true, kStartLimitMs) == 0;
+    if (bStarted) {
+        StartChild();
+    }
+    return bStarted;
+}
+
+// The endpoint itself goes on trying while its port is taken, every 5 s, and so does this: the
+// daemon is there, but nobody can reach it yet.
+void CHelloDaemon::AnnounceReady()
+{
+    using namespace std::chrono_literals;
+    const auto begin = std::chrono::steady_clock::now();
+    bool bComplained = false;
+    while (m_bRun) {
+        const int iPort = m_Server.iListeningPort();
+        if (iPort != -1) {
+            QUORCORE_LOG(LOG_NOTICE, "ready, pid %d, port %d", static_cast<int>(getpid()), iPort);
+            return;
+        }
+        const auto waited = std::chrono::steady_clock::now() - begin;
+        if (waited > 1s && !bComplained) {
+            bComplained = true;
+            QUORCORE_LOG(LOG_ERR, "not ready: port %d cannot be had, it is tried again", m_iPort);
+        }
+        if (waited > 50ms) {
+            std::this_thread::sleep_for(100ms);
+        } else {
+            std::this_thread::sleep_for(50us);
+        }
+    }
+}
+
+void CHelloDaemon::StartChild()
+{
+    const std::string szCommand = m_FileConfig.szGetParameter("child", "");
+    std::vector<std::string> words = SplitAtBlanks(szCommand);
+    if (words.empty()) {
+        return;
+    }
+    std::vector<char*> argv;
+    for (std::string& szWord : words) {
+        argv.push_back(szWord.data());
+    }
+    m_Child.iCreateProcess(nullptr, argv, nullptr, nullptr, nullptr, nullptr);
+    QUORCORE_LOG(LOG_NOTICE, "child %d started: %s", static_cast<int>(m_Child.iGetPID()),
+                 szCommand.c_str());
+    m_ProcessManager.AddNewProcess(&m_Child);
+}
+
+// The endpoint first: what its last frames have caused still reaches the slots.
+void CHelloDaemon::Stop()
+{
+    m_Server.iStop(true, false);
+    m_Supervisor.iStop(true, false);
+    m_callbackManager.iStop(true, false);
+}
+
+// Somebody has changed log levels over the wire. Each level is saved as it is stored.
+void CHelloDaemon::OnConfigSave(CMsg*)
+{
+    m_Logger.iGetLogLevel(&m_FileConfig);
+    QUORCORE_LOG(LOG_NOTICE, "configuration saved");
+}
+
+void CHelloDaemon::OnLink(CMsg* pMsg)
+{
+    const bool bConnected = pMsg->m_iEventId == EVT_COM_CONNECTED;
+    if (bConnected != m_bPeerThere) { // every attempt that fails is told as a link that went down
+        m_bPeerThere = bConnected;
+        QUORCORE_LOG(LOG_NOTICE, "the peer has %s", bConnected ? "connected" : "gone");
+    }
+}
+
+void CHelloDaemon::OnProcessStopped(CMsg* pMsg)
+{
+    const int iPid = pMsg->m_iParam1; // 0 when it was the daemon itself that stopped the child
+    const int iStatus = pMsg->m_iParam2;
+    if (iPid != 0 && WIFSIGNALED(iStatus)) {
+        QUORCORE_LOG(LOG_WARNING, "child %d was ended by signal %d", iPid, WTERMSIG(iStatus));
+    } else if (iPid != 0) {
+        QUORCORE_LOG(LOG_WARNING, "child %d has ended with status %d", iPid, WEXITSTATUS(iStatus));
+    }
+}

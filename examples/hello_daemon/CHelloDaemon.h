@@ -1,0 +1,61 @@
+/// @file
+/// @brief The application object of hello_daemon.
+#pragma once
+
+#include "../common/CSupervisor.h"
+#include "CHelloServer.h"
+
+#include <libQuorCore/libQuorCore.h>
+
+#include <string>
+
+/**
+ * @brief The smallest complete daemon: one endpoint, its supervision, and a child if there is one.
+ *
+ * Options beside those of the library: "--config FILE", "--user NAME" and "--group NAME", which
+ * go before the keys of the same name, and "--version".
+ * Keys: "port" (0: the kernel chooses), "monitoring_period_s", "child" (a program and its
+ * arguments, separated by blanks; kept as a child process), "user", "group", and "log_level_"
+ * followed by the label of a thread.
+ */
+class CHelloDaemon : public QuorCore::CCoreApp
+{
+public:
+    CHelloDaemon(int argc, char** argv);
+    ~CHelloDaemon() override; ///< Stops what the threads use before it goes.
+
+    /// Runs the daemon from its start to its end. @return The exit status of the process.
+    int iRun();
+
+    /// Reads the settings, then does what the library does.
+    /// @return As CCoreApp::iInitInstance(); kBadSettings when a setting cannot be used.
+    long iInitInstance() override;
+
+    /// Registers the slots. @return 0.
+    long iInitCallback() override;
+
+    /// @name Slots; on the dispatcher's thread.
+    /// @{
+    void OnConfigSave(QuorCore::CMsg* pMsg);
+    void OnLink(QuorCore::CMsg* pMsg); ///< The peer of the endpoint came or went.
+    void OnProcessStopped(QuorCore::CMsg* pMsg);
+    /// @}
+
+    static constexpr long kBadSettings = 2;
+
+private:
+    bool bReadSettings();
+    bool bReadIdentity();
+    bool bStart();
+    void AnnounceReady();
+    void StartChild();
+    void Stop();
+
+    const std::string m_szUserOption;  ///< Empty: the configuration's.
+    const std::string m_szGroupOption; ///< Empty: the configuration's.
+    int m_iPort = 0;
+    bool m_bPeerThere = false; ///< The dispatcher's thread only.
+    QuorCore::CProcess m_Child;
+    CHelloServer m_Server;
+    CSupervisor m_Supervisor; ///< Uses the endpoint, so it is destroyed before it.
+};
