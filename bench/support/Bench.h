@@ -33,7 +33,7 @@ namespace Bench
 {
 /// @brief What a workload must reach; made by the functions below.
 struct target_t {
-    enum eKind { TIMES_LIMIT, NS_MORE_THAN_LIMIT, NS };
+    enum eKind { TIMES_LIMIT, NS_MORE_THAN_LIMIT, NS, MIB };
     eKind kind;
     double fAtMost;
 };
@@ -56,9 +56,16 @@ constexpr target_t AtMostNs(double fNs)
     return {target_t::NS, fNs};
 }
 
+/// The median is at most @p fMib MiB of memory, supplied in place of ns; there may be no limit.
+constexpr target_t AtMostMib(double fMib)
+{
+    return {target_t::MIB, fMib};
+}
+
 /// @brief What is measured: the time that passes, or, for a job that waits for nothing, the time
-///        that it has a processor, which other programs of the machine stretch less.
-enum eClock { PASSING_TIME, PROCESSOR_TIME };
+///        that it has a processor, which other programs of the machine stretch less; or what the
+///        workload supplies itself, with benchmark::State::SetIterationTime(), as a percentile is.
+enum eClock { PASSING_TIME, PROCESSOR_TIME, SUPPLIED };
 
 /// @brief One row of the table.
 struct comparison_t {

@@ -20,7 +20,8 @@ constexpr const char* kLimitSuffix = ", limit";
 
 // Defaults, which options of the command line override. In turns, so that whatever else the machine
 // does meets workload and limit alike.
-constexpr const char* kDefaultOptions[] = {"--benchmark_repetitions=15", "--benchmark_min_time=0.06",
+constexpr const char* kDefaultOptions[] = {"--benchmark_repetitions=15",
+                                           "--benchmark_min_time=0.06",
                                            "--benchmark_enable_random_interleaving=true"};
 
 std::vector<comparison_t>& Comparisons()
@@ -40,8 +41,15 @@ void Register(const std::string& szName, benchmark::internal::Function* pFunctio
 {
     auto* const pBenchmark = benchmark::RegisterBenchmark(szName.c_str(), pFunction);
     pBenchmark->Threads(comparison.nThreads);
-    if (comparison.clock == PASSING_TIME) {
+    switch (comparison.clock) {
+    case PASSING_TIME:
         pBenchmark->UseRealTime();
+        break;
+    case SUPPLIED:
+        pBenchmark->UseManualTime();
+        break;
+    case PROCESSOR_TIME:
+        break;
     }
 }
 
@@ -126,6 +134,8 @@ std::string szTarget(const target_t& target)
         return "<= limit + " + szFormat("%g ns", target.fAtMost);
     case target_t::NS:
         return szFormat("<= %g ns", target.fAtMost);
+    case target_t::MIB:
+        return szFormat("<= %g MiB", target.fAtMost);
     }
     return "";
 }
@@ -138,6 +148,7 @@ bool bMet(const target_t& target, double fNs, double fLimitNs)
     case target_t::NS_MORE_THAN_LIMIT:
         return fNs <= target.fAtMost + fLimitNs;
     case target_t::NS:
+    case target_t::MIB:
         return fNs <= target.fAtMost;
     }
     return false;
@@ -157,11 +168,15 @@ bool bPrintComparison(const comparison_t& comparison, const CCollector& collecto
     const std::string szWorkload = comparison.szWorkload;
     const double fNs = collector.fMedianNs(szWorkload);
     const double fLimitNs = collector.fMedianNs(szWorkload + kLimitSuffix);
-    if (fNs < 0 || (fLimitNs < 0 && comparison.target.kind != target_t::NS)) {
+    const bool bNeedsLimit = comparison.target.kind == target_t::TIMES_LIMIT ||
+                             comparison.target.kind == target_t::NS_MORE_THAN_LIMIT;
+    if (fNs < 0 || (fLimitNs < 0 && bNeedsLimit)) {
         return true; // filtered out, or half of it
     }
     const bool bReached = bMet(comparison.target, fNs, fLimitNs);
-    PrintRow(szWorkload, szTime(fNs), szTime(fLimitNs),
+    const bool bMemory = comparison.target.kind == target_t::MIB;
+    PrintRow(szWorkload, bMemory ? szFormat("%.2f MiB", fNs) : szTime(fNs),
+             bMemory && fLimitNs > 0 ? szFormat("%.2f MiB", fLimitNs) : szTime(fLimitNs),
              fLimitNs > 0 ? szFormat("%.3f", fNs / fLimitNs) : "-", szTarget(comparison.target),
              bReached ? "met" : "NOT MET");
     return bReached;
