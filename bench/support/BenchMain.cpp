@@ -24,6 +24,8 @@ constexpr const char* kDefaultOptions[] = {"--benchmark_repetitions=15",
                                            "--benchmark_min_time=0.06",
                                            "--benchmark_enable_random_interleaving=true"};
 
+constexpr int kSuppliedIterations = 3;
+
 std::vector<comparison_t>& Comparisons()
 {
     static std::vector<comparison_t> comparisons;
@@ -47,6 +49,7 @@ void Register(const std::string& szName, benchmark::internal::Function* pFunctio
         break;
     case SUPPLIED:
         pBenchmark->UseManualTime();
+        pBenchmark->Iterations(kSuppliedIterations); // what is supplied tells nothing of its cost
         break;
     case PROCESSOR_TIME:
         break;
