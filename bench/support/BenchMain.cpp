@@ -20,8 +20,8 @@ constexpr const char* kLimitSuffix = ", limit";
 
 // Defaults, which options of the command line override. In turns, so that whatever else the machine
 // does meets workload and limit alike.
-constexpr const char* kDefaultOptions[] = {"--benchmark_repetitions=15",
-                                           "--benchmark_min_time=0.06",
+constexpr const char* kDefaultOptions[] = {"--benchmark_repetitions=31",
+                                           "--benchmark_min_time=0.03",
                                            "--benchmark_enable_random_interleaving=true"};
 
 constexpr int kSuppliedIterations = 3;
