@@ -119,6 +119,17 @@ void ResetSignals()
     }
 }
 
+/// Drops the handlers, as execve(2) will; what is ignored stays ignored.
+void ResetHandlers()
+{
+    for (int iSignal = 1; iSignal <= kLastSignal; ++iSignal) {
+        struct sigaction action = {};
+        if (sigaction(iSignal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            signal(iSignal, SIG_DFL);
+        }
+    }
+}
+
 /// The reading of one "/proc/PID/stat" beginning.
 struct stat_t {
     int iPid = -1;
@@ -181,7 +192,7 @@ int iRunCommandOnce(const char* szCommand, bool bWait)
 {
     const char* const argv[] = {"/bin/sh", "-c", szCommand, nullptr};
     const char* const env[] = {nullptr};
-    const pid_t pid = bWait ? CChildReaper::Get().iForkClaimed() : fork();
+    const pid_t pid = bWait ? CChildReaper::Get().iForkClaimed() : CChildReaper::iFork();
     if (pid < 0) {
         const int iError = errno;
         QUORCORE_LOG(LOG_ERR, "Cannot fork process for %s", szCommand);
@@ -190,6 +201,7 @@ int iRunCommandOnce(const char* szCommand, bool bWait)
         return -1;
     }
     if (pid == 0) {
+        ResetHandlers();
         UnblockSignals(); // threads of the library block them, a command must not
         execve(argv[0], const_cast<char* const*>(argv), const_cast<char* const*>(env));
         const int iError = errno;
@@ -318,8 +330,8 @@ void CProcess::RunChild(const char* szDirectory, const std::vector<char*>& argv,
     }
     TakeStandardStreams(pIn, pOut, pErr);
     CloseDescriptorsFrom(STDERR_FILENO + 1);
+    ResetSignals(); // first: a signal that waits is for the child, not for the daemon's handlers
     UnblockSignals();
-    ResetSignals();
     if (argv.front() != nullptr) {
         execvp(argv.front(), argv.data());
     }

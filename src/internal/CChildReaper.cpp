@@ -115,11 +115,26 @@ bool CChildReaper::bReapOne()
     return true;
 }
 
+pid_t CChildReaper::iFork()
+{
+    sigset_t all;
+    sigset_t former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    const pid_t pid = fork();
+    if (pid != 0) {
+        const int iError = errno;
+        pthread_sigmask(SIG_SETMASK, &former, nullptr);
+        errno = iError;
+    }
+    return pid;
+}
+
 pid_t CChildReaper::iForkClaimed()
 {
     const CDeferredCancel deferred;
     const std::lock_guard<std::mutex> held(m_lock);
-    const pid_t pid = fork();
+    const pid_t pid = iFork();
     if (pid > 0) {
         m_claims[pid] = claim_t();
     }

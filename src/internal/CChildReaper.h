@@ -47,7 +47,11 @@ public:
     /// Collects every ended child now; nothing when not started.
     void Reap();
 
-    /// fork(2); in the parent the child is claimed before it can be reaped.
+    /// fork(2) whose child has all signals blocked until it has dropped the handlers of the parent:
+    /// these would swallow a signal that is meant to end the child.
+    static pid_t iFork();
+
+    /// iFork(); in the parent the child is claimed before it can be reaped.
     pid_t iForkClaimed();
 
     /// Withdraws a claim: nobody will ask for this child again.
