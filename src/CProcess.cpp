@@ -232,16 +232,18 @@ CProcess::~CProcess()
     if (CProcessManager* pManager = m_pManager) {
         pManager->RemoveProcess(this);
     }
-    ForgetChild();
+    ForgetChild(m_pid);
     WithdrawMessages();
 }
 
 void CProcess::OnStop()
 {
+    const pid_t pid = m_pid;
+    const std::string szLabel =
+        m_szLabel; // a slot may start the next program before the line is out
     iPostMessage(EVT_PROCESS_STOPPED, 0, 0, nullptr, 0, 0);
-    QUORCORE_LOG(LOG_INFO, "process %s - %d", m_szLabel.c_str(), static_cast<int>(m_pid));
-    ForgetChild();
-    m_pid = -1;
+    QUORCORE_LOG(LOG_INFO, "process %s - %d", szLabel.c_str(), static_cast<int>(pid));
+    ForgetChild(pid);
 }
 
 void CProcess::OnLost(int iStatus)
@@ -266,8 +268,7 @@ void CProcess::OnLost(int iStatus)
     }
     iPostMessage(EVT_PROCESS_STOPPED, static_cast<uint32_t>(pid), static_cast<uint32_t>(iStatus),
                  nullptr, 0, 0);
-    ForgetChild();
-    m_pid = -1;
+    ForgetChild(pid);
 }
 
 int CProcess::iCreateProcess(bool bSudo, const char* szDirectory, const char* szProgram,
@@ -294,7 +295,7 @@ int CProcess::iCreateProcess(const char* szDirectory, std::vector<char*>& argv, 
         argv.push_back(nullptr);
     }
     const std::vector<char*> environment = SplitBlock(env);
-    ForgetChild();
+    ForgetChild(m_pid);
     m_iExitCode = -1;
     m_bOwnChild = true;
     const pid_t pid = CChildReaper::Get().iForkClaimed();
@@ -415,13 +416,14 @@ pid_t CProcess::iPoll(pid_t pid, bool bLastTry)
     return waited;
 }
 
-/// Nobody will ask for the present child again.
-void CProcess::ForgetChild()
+/// Nobody will ask for this child again. Leaves alone the next one, which a slot may have started
+/// as soon as the end of this one was posted.
+void CProcess::ForgetChild(pid_t pid)
 {
-    const pid_t pid = m_pid;
     if (pid > 0 && m_bOwnChild) {
         CChildReaper::Get().Forget(pid);
     }
+    m_pid.compare_exchange_strong(pid, -1);
 }
 
 int CProcess::iFindProcessId(const char* szName, bool bKeep)

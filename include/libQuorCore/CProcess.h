@@ -119,7 +119,7 @@ private:
     [[noreturn]] void RunChild(const char* szDirectory, const std::vector<char*>& argv,
                                const std::vector<char*>& environment, CPipe* pIn, CPipe* pOut,
                                CPipe* pErr);
-    void ForgetChild();
+    void ForgetChild(pid_t pid);
 
     std::atomic<bool> m_bOwnChild{false};              ///< Forked here rather than adopted by name.
     std::atomic<CProcessManager*> m_pManager{nullptr}; ///< Whose list names this object.
