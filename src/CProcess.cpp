@@ -346,7 +346,7 @@ int CProcess::iStop(bool bWait)
     if (pid < 1) {
         return 0;
     }
-    int iResult = kill(pid, SIGTERM);
+    int iResult = m_bOwnChild ? CChildReaper::Get().iSignal(pid, SIGTERM) : kill(pid, SIGTERM);
     if (bWait) {
         iResult = iWaitForExit(kStopLimitSec);
     }

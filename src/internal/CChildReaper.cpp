@@ -141,6 +141,18 @@ pid_t CChildReaper::iForkClaimed()
     return pid;
 }
 
+int CChildReaper::iSignal(pid_t pid, int iSignal)
+{
+    const CDeferredCancel deferred;
+    const std::lock_guard<std::mutex> held(m_lock); // nobody is reaped meanwhile
+    const auto claim = m_claims.find(pid);
+    if (claim == m_claims.end() || claim->second.bCollected) {
+        errno = ESRCH;
+        return -1;
+    }
+    return kill(pid, iSignal);
+}
+
 void CChildReaper::Forget(pid_t pid)
 {
     const std::lock_guard<std::mutex> held(m_lock);

@@ -54,6 +54,10 @@ public:
     /// iFork(); in the parent the child is claimed before it can be reaped.
     pid_t iForkClaimed();
 
+    /// kill(2) for a claimed child that was not collected yet: once it was, the number may be that
+    /// of a stranger. @return 0, or -1 with errno, ESRCH when it was.
+    int iSignal(pid_t pid, int iSignal);
+
     /// Withdraws a claim: nobody will ask for this child again.
     void Forget(pid_t pid);
 
