@@ -408,6 +408,9 @@ pid_t CProcess::iPoll(pid_t pid, bool bLastTry)
         }
     }
     if (waited == pid) {
+        if (m_bOwnChild && !WIFSTOPPED(iStatus)) {
+            CChildReaper::Get().Forget(pid); // an OnLost() that asks again finds it delivered
+        }
         OnLost(iStatus);
     } else if (waited < 0 && bLastTry) {
         QUORCORE_LOG(LOG_INFO, "waitpid error: %s - %d", m_szLabel.c_str(), static_cast<int>(pid));
