@@ -439,7 +439,8 @@ int CProcess::iFindProcessId(const char* szName, bool bKeep)
         stat_t stat;
         if (pEntry->d_name[0] >= '0' && pEntry->d_name[0] <= '9' &&
             bReadStat(pEntry->d_name, stat) && stat.szName == szName) {
-            if (bKeep) {
+            if (bKeep && m_pid != stat.iPid) { // its own child stays its own
+                ForgetChild(m_pid);
                 m_bOwnChild = false;
                 m_pid = stat.iPid;
             }
