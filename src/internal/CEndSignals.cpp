@@ -24,17 +24,16 @@ static_assert(std::atomic<CRunFlag*>::is_always_lock_free, "used in a signal han
 void OnSignal(int iSignal)
 {
     const int iSavedErrno = errno;
-    if (iSignal == CEndSignals::iMonitoringSignal()) {
+    const pthread_t waiter = g_waiter;
+    if (waiter != 0 && pthread_equal(waiter, pthread_self()) == 0) {
+        pthread_kill(waiter, iSignal); // wakes it at once, or is recorded there: never both
+    } else if (iSignal == CEndSignals::iMonitoringSignal()) {
         g_bMonitoringAsked = true;
     } else {
         g_iEndSignal = iSignal;
         if (CRunFlag* pRun = g_pRun) {
             *pRun = false;
         }
-    }
-    const pthread_t waiter = g_waiter;
-    if (waiter != 0 && pthread_equal(waiter, pthread_self()) == 0) {
-        pthread_kill(waiter, iSignal); // wakes it at once
     }
     errno = iSavedErrno;
 }
@@ -100,9 +99,6 @@ int CEndSignals::iAwait(const sigset_t& signals)
         }
     }
     g_waiter = 0;
-    if (iSignal == SIGTERM || iSignal == SIGQUIT) {
-        g_iEndSignal = 0; // recorded twice when another thread has passed it on
-    }
     return iSignal;
 }
 
