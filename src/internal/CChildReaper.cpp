@@ -8,6 +8,29 @@
 
 namespace QuorCore
 {
+namespace
+{
+/// Blocks all signals of the calling thread for a scope; a thread that is made in it inherits that.
+class CBlockedSignals
+{
+public:
+    CBlockedSignals()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_former);
+    }
+    CBlockedSignals(const CBlockedSignals&) = delete;
+    CBlockedSignals& operator=(const CBlockedSignals&) = delete;
+    ~CBlockedSignals() { pthread_sigmask(SIG_SETMASK, &m_former, nullptr); } // leaves errno alone
+
+    void Keep() { sigfillset(&m_former); } ///< Beyond the scope, too.
+
+private:
+    sigset_t m_former;
+};
+} // namespace
+
 CChildReaper& CChildReaper::Get()
 {
     static CChildReaper* const s_pReaper =
@@ -28,12 +51,10 @@ void CChildReaper::Start(const void* pUser, lost_t lost)
     }
     m_bRun = true;
 
-    sigset_t all;
-    sigset_t former;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &former); // inherited by the thread
-    m_thread = std::thread([this] { RunThread(); });
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    {
+        const CBlockedSignals blocked;
+        m_thread = std::thread([this] { RunThread(); });
+    }
 
     struct sigaction action = {}; // no flags, empty mask
     action.sa_handler = OnSignal;
@@ -117,15 +138,10 @@ bool CChildReaper::bReapOne()
 
 pid_t CChildReaper::iFork()
 {
-    sigset_t all;
-    sigset_t former;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former);
+    CBlockedSignals blocked;
     const pid_t pid = fork();
-    if (pid != 0) {
-        const int iError = errno;
-        pthread_sigmask(SIG_SETMASK, &former, nullptr);
-        errno = iError;
+    if (pid == 0) {
+        blocked.Keep();
     }
     return pid;
 }
