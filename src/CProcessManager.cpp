@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 namespace QuorCore
 {
@@ -69,30 +70,38 @@ void CProcessManager::AddNewProcess(CProcess* pProcess)
 
 void CProcessManager::RemoveProcess(pid_t pid)
 {
-    if (CProcess* const pProcess = pGetProcess(pid)) {
-        RemoveProcess(pProcess);
+    const CHeldLock<CRecursiveLock> held(m_Lock);
+    CProcess* const pProcess = held ? pFind(pid) : nullptr;
+    if (pProcess != nullptr) {
+        Remove(*pProcess);
     }
 }
 
 void CProcessManager::RemoveProcess(CProcess* pProcess)
 {
     const CHeldLock<CRecursiveLock> held(m_Lock);
-    if (!held || pProcess == nullptr) {
-        return;
+    if (held && pProcess != nullptr) {
+        Remove(*pProcess);
     }
-    m_listProcess.remove(pProcess);
-    if (pProcess->m_pManager == this) {
-        pProcess->m_pManager = nullptr;
-    }
-    AwaitUnused(pProcess);
 }
 
-/// Under m_Lock, once: waits while another thread is in a call to the process.
-void CProcessManager::AwaitUnused(CProcess* pProcess)
+/// Under m_Lock, once.
+void CProcessManager::Remove(CProcess& process)
 {
-    const auto usedElsewhere = [=] {
-        return std::any_of(m_inUse.begin(), m_inUse.end(), [=](const use_t& use) {
-            return use.pProcess == pProcess && pthread_equal(use.user, pthread_self()) == 0;
+    m_listProcess.remove(&process);
+    if (process.m_pManager == this) {
+        process.m_pManager = nullptr;
+    }
+    AwaitUnused({&process});
+}
+
+/// Under m_Lock, once: waits while another thread is in a call to one of the processes.
+void CProcessManager::AwaitUnused(const std::list<CProcess*>& processes)
+{
+    const auto usedElsewhere = [&] {
+        return std::any_of(m_inUse.begin(), m_inUse.end(), [&](const use_t& use) {
+            return pthread_equal(use.user, pthread_self()) == 0 &&
+                   std::find(processes.begin(), processes.end(), use.pProcess) != processes.end();
         });
     };
     CWaitableLock lock(m_Lock);
@@ -112,7 +121,7 @@ void CProcessManager::RemoveAll()
             pProcess->m_pManager = nullptr;
         }
     }
-    m_listProcess.clear();
+    AwaitUnused(std::exchange(m_listProcess, {})); // they may be destroyed after this
 }
 
 void CProcessManager::StopAll(bool bWait)
@@ -134,9 +143,12 @@ void CProcessManager::StopAll(bool bWait)
 CProcess* CProcessManager::pGetProcess(pid_t pid)
 {
     const CHeldLock<CRecursiveLock> held(m_Lock);
-    if (!held) {
-        return nullptr;
-    }
+    return held ? pFind(pid) : nullptr;
+}
+
+/// Under m_Lock.
+CProcess* CProcessManager::pFind(pid_t pid)
+{
     const auto process =
         std::find_if(m_listProcess.begin(), m_listProcess.end(), [=](const CProcess* pProcess) {
             return pProcess != nullptr && pProcess->iGetPID() == pid;

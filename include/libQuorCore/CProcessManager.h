@@ -33,7 +33,7 @@ public:
 
     void RemoveProcess(pid_t pid);          ///< Takes the first process with that pid out.
     void RemoveProcess(CProcess* pProcess); ///< Waits for a call into it from another thread.
-    void RemoveAll();                       ///< Empties the list; nothing is deleted.
+    void RemoveAll(); ///< Empties the list, waiting as RemoveProcess(); nothing is deleted.
 
     /// Calls iStop() of every process, in list order; with @p bWait up to 6 s for each.
     void StopAll(bool bWait);
@@ -60,7 +60,9 @@ private:
 
     bool bWhileListed(const std::function<bool(const CProcess*)>& wanted,
                       const std::function<void(CProcess&)>& use);
-    void AwaitUnused(CProcess* pProcess);
+    CProcess* pFind(pid_t pid);
+    void Remove(CProcess& process);
+    void AwaitUnused(const std::list<CProcess*>& processes);
 
     std::list<use_t> m_inUse;               ///< Calls into processes under way. Same guard.
     std::condition_variable_any m_released; ///< One of them is over.
