@@ -3,7 +3,9 @@
 #include "internal/CCancelGuard.h"
 
 #include <cerrno>
+#include <pthread.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace QuorCore
@@ -43,7 +45,7 @@ void CChildReaper::Start(const void* pUser, lost_t lost)
     const std::lock_guard<std::mutex> held(m_startLock);
     m_pUser = pUser;
     m_lost = lost;
-    if (m_thread.joinable()) {
+    if (bStarted()) {
         return;
     }
     if (!m_bWakeMade) {
@@ -53,7 +55,11 @@ void CChildReaper::Start(const void* pUser, lost_t lost)
 
     {
         const CBlockedSignals blocked;
-        m_thread = std::thread([this] { RunThread(); });
+        const int iError = pthread_create(&m_thread, nullptr, pRunThread, this);
+        if (iError != 0) {
+            throw std::system_error(iError, std::generic_category(), "pthread_create");
+        }
+        m_startedIn = getpid();
     }
 
     struct sigaction action = {}; // no flags, empty mask
@@ -65,7 +71,21 @@ void CChildReaper::Start(const void* pUser, lost_t lost)
 void CChildReaper::Stop(const void* pUser)
 {
     const std::lock_guard<std::mutex> held(m_startLock);
-    if (!m_thread.joinable() || m_pUser != pUser) {
+    if (m_pUser == pUser) {
+        End();
+    }
+}
+
+void CChildReaper::StopAtExit()
+{
+    const std::lock_guard<std::mutex> held(m_startLock);
+    End();
+}
+
+/// Under m_startLock.
+void CChildReaper::End()
+{
+    if (!bStarted()) {
         return;
     }
     struct sigaction current = {};
@@ -73,9 +93,18 @@ void CChildReaper::Stop(const void* pUser)
         sigaction(SIGCHLD, &m_former, nullptr); // the daemon may have put its own there since
     }
     m_bRun = false;
-    sem_post(&m_wake);
-    m_thread.join();
+    if (pthread_equal(m_thread, pthread_self()) == 0) { // not in an OnLost() that calls exit(3)
+        sem_post(&m_wake);
+        pthread_join(m_thread, nullptr);
+    }
+    m_startedIn = 0;
     m_lost = nullptr;
+}
+
+/// Under m_startLock. A process that was forked off has the handler, but not the thread.
+bool CChildReaper::bStarted() const
+{
+    return m_startedIn == getpid();
 }
 
 void CChildReaper::OnSignal(int)
@@ -85,13 +114,15 @@ void CChildReaper::OnSignal(int)
     errno = iSavedErrno;
 }
 
-void CChildReaper::RunThread()
+void* CChildReaper::pRunThread(void* pReaper)
 {
-    while (m_bRun) {
-        if (sem_wait(&m_wake) == 0) {
-            Reap();
+    CChildReaper& reaper = *static_cast<CChildReaper*>(pReaper);
+    while (reaper.m_bRun) {
+        if (sem_wait(&reaper.m_wake) == 0) {
+            reaper.Reap();
         }
     }
+    return nullptr;
 }
 
 void CChildReaper::Reap()

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <map>
 #include <mutex>
+#include <pthread.h>
 #include <semaphore.h>
 #include <sys/types.h>
 #include <thread>
@@ -39,10 +40,14 @@ public:
     static CChildReaper& Get();
 
     /// Installs the SIGCHLD handler and starts the thread. @param pUser  Whose Stop() ends them.
+    /// Throws std::system_error when there can be no thread.
     void Start(const void* pUser, lost_t lost);
 
     /// Ends the thread and restores the former handler, if @p pUser was the last to start them.
     void Stop(const void* pUser);
+
+    /// The same whoever started them: what they report to is about to be destroyed.
+    void StopAtExit();
 
     /// Collects every ended child now; nothing when not started.
     void Reap();
@@ -79,7 +84,9 @@ private:
     CChildReaper() = default;
 
     static void OnSignal(int);
-    void RunThread();
+    static void* pRunThread(void* pReaper);
+    void End();
+    bool bStarted() const;
     bool bReapOne();
 
     std::mutex m_lock; // held over every reaping and forking; guards the claims
@@ -88,7 +95,8 @@ private:
 
     std::mutex m_startLock; // guards what follows
     const void* m_pUser = nullptr;
-    std::thread m_thread;
+    pthread_t m_thread{};
+    pid_t m_startedIn = 0; // the process that the thread runs in; 0 without
     struct sigaction m_former = {};
     std::atomic<lost_t> m_lost{nullptr};
     std::atomic<bool> m_bRun{false};
