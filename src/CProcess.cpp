@@ -1,5 +1,6 @@
 #include "libQuorCore/CProcess.h"
 
+#include "internal/CCancelGuard.h"
 #include "internal/CChildReaper.h"
 #include "internal/CUniqueFd.h"
 #include "internal/Clock.h"
@@ -155,20 +156,32 @@ bool bReadStat(const char* szEntry, stat_t& stat)
     return true;
 }
 
+/// Withdraws the claim on a child on every way out, a cancellation of the wait included.
+class CClaimEnd
+{
+public:
+    explicit CClaimEnd(pid_t pid) : m_pid(pid) {}
+    CClaimEnd(const CClaimEnd&) = delete;
+    CClaimEnd& operator=(const CClaimEnd&) = delete;
+    ~CClaimEnd() { CChildReaper::Get().Forget(m_pid); }
+
+private:
+    const pid_t m_pid;
+};
+
 /// waitpid(2) for one child that iForkClaimed() made, whoever reaps it.
 bool bAwaitClaimed(pid_t pid, int& iStatus)
 {
+    const CClaimEnd end(pid);
     pid_t waited = -1;
     do {
         waited = waitpid(pid, &iStatus, 0);
     } while (waited < 0 && errno == EINTR);
     if (waited == pid) {
-        CChildReaper::Get().Forget(pid);
         return true;
     }
     const int iError = errno;
     const bool bCollected = CChildReaper::Get().Take(pid, iStatus) == CChildReaper::eEnd::COLLECTED;
-    CChildReaper::Get().Forget(pid);
     errno = iError;
     return bCollected;
 }
@@ -238,6 +251,7 @@ CProcess::~CProcess()
 
 void CProcess::OnStop()
 {
+    const CDeferredCancel deferred;
     const pid_t pid = m_pid;
     const std::string szLabel =
         m_szLabel; // a slot may start the next program before the line is out
@@ -248,6 +262,7 @@ void CProcess::OnStop()
 
 void CProcess::OnLost(int iStatus)
 {
+    const CDeferredCancel deferred;
     const pid_t pid = m_pid;
     const char* const szLabel = m_szLabel.c_str();
     if (WIFEXITED(iStatus)) {
@@ -275,6 +290,7 @@ int CProcess::iCreateProcess(bool bSudo, const char* szDirectory, const char* sz
                              const char** args, const char** env, CPipe* pIn, CPipe* pOut,
                              CPipe* pErr)
 {
+    const CDeferredCancel deferred;
     static char s_szSudo[] = "sudo";
     std::vector<char*> argv;
     if (bSudo) {
@@ -291,6 +307,7 @@ int CProcess::iCreateProcess(bool bSudo, const char* szDirectory, const char* sz
 int CProcess::iCreateProcess(const char* szDirectory, std::vector<char*>& argv, const char** env,
                              CPipe* pIn, CPipe* pOut, CPipe* pErr)
 {
+    const CDeferredCancel deferred;
     if (argv.empty() || argv.back() != nullptr) {
         argv.push_back(nullptr);
     }
@@ -341,6 +358,7 @@ void CProcess::RunChild(const char* szDirectory, const std::vector<char*>& argv,
 
 int CProcess::iStop(bool bWait)
 {
+    const CDeferredCancel deferred;
     const pid_t pid =
         m_pid; // once: the reaper may set -1, and kill(-1) ends every process there is
     if (pid < 1) {
@@ -356,6 +374,7 @@ int CProcess::iStop(bool bWait)
 
 int CProcess::iWaitForExit(uint32_t iSeconds)
 {
+    const CDeferredCancel deferred;
     const pid_t pid = m_pid;
     if (pid < 1) {
         return 0;
@@ -375,6 +394,7 @@ int CProcess::iWaitForExit(uint32_t iSeconds)
 
 bool CProcess::bIsRunning(const char* szName, long iRetries)
 {
+    const CDeferredCancel deferred;
     pid_t waited = -1;
     bool bAgain = true;
     while (bAgain) {
@@ -431,6 +451,7 @@ void CProcess::ForgetChild(pid_t pid)
 
 int CProcess::iFindProcessId(const char* szName, bool bKeep)
 {
+    const CDeferredCancel deferred;
     const std::unique_ptr<DIR, int (*)(DIR*)> pDirectory(opendir("/proc"), &closedir);
     if (pDirectory == nullptr || szName == nullptr) {
         return -1;
@@ -464,6 +485,7 @@ long CProcess::iPostSignal(uint32_t iSignal, uint32_t iValue, int iPid)
 
 int CProcess::iCmdSystem(const char* szCommand, int iRetries, bool bWait)
 {
+    const CDeferredCancel deferred;
     if (szCommand == nullptr) {
         return -1;
     }

@@ -126,6 +126,7 @@ void CProcessManager::RemoveAll()
 
 void CProcessManager::StopAll(bool bWait)
 {
+    const CDeferredCancel deferred;
     std::list<CProcess*> processes;
     {
         const CHeldLock<CRecursiveLock> held(m_Lock);
@@ -158,6 +159,7 @@ CProcess* CProcessManager::pFind(pid_t pid)
 
 bool CProcessManager::bLoseProcess(pid_t pid, int iStatus)
 {
+    const CDeferredCancel deferred;
     return bWhileListed([=](const CProcess* pListed) { return pListed->iGetPID() == pid; },
                         [=](CProcess& process) { process.OnLost(iStatus); });
 }

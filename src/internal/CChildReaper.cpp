@@ -172,6 +172,8 @@ pid_t CChildReaper::iFork()
     CBlockedSignals blocked;
     const pid_t pid = fork();
     if (pid == 0) {
+        int iIgnored = 0; // a request for the parent's thread is not for its copy
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &iIgnored);
         blocked.Keep();
     }
     return pid;
@@ -202,6 +204,7 @@ int CChildReaper::iSignal(pid_t pid, int iSignal)
 
 void CChildReaper::Forget(pid_t pid)
 {
+    const CDeferredCancel deferred;
     const std::lock_guard<std::mutex> held(m_lock);
     m_claims.erase(pid);
     m_delivered.notify_all();
@@ -209,6 +212,7 @@ void CChildReaper::Forget(pid_t pid)
 
 CChildReaper::eEnd CChildReaper::Take(pid_t pid, int& iStatus)
 {
+    const CDeferredCancel deferred;
     std::unique_lock<std::mutex> held(m_lock);
     for (;;) {
         const auto claim = m_claims.find(pid);
