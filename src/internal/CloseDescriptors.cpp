@@ -41,6 +41,7 @@ bool bCloseBatch(const char* pBatch, size_t iSize, int iFirst, int iDirectory)
 
 bool bCloseListed(int iFirst)
 {
+    close(iFirst); // a full table has no room for the list
     const int iDirectory = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (iDirectory < 0) {
         return false;
