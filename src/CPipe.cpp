@@ -18,6 +18,19 @@ void CloseEnd(int& iFd)
         iFd = -1;
     }
 }
+
+/// @return Whether a transfer makes sense; if not, errno tells why.
+bool bUsable(int iFd, const char* pData, int iSize)
+{
+    if (iFd == -1) {
+        errno = EBADF;
+    } else if (iSize < 0 || (pData == nullptr && iSize > 0)) {
+        errno = EINVAL;
+    } else {
+        return true;
+    }
+    return false;
+}
 } // namespace
 
 CPipe::CPipe() : m_readfd(-1), m_writefd(-1)
@@ -53,7 +66,7 @@ void CPipe::Close()
 
 int CPipe::iWriteBytes(const char* pData, int iSize)
 {
-    if (m_writefd == -1 || iSize < 0 || (pData == nullptr && iSize > 0)) {
+    if (!bUsable(m_writefd, pData, iSize)) {
         return -1;
     }
     int iWritten = 0;
@@ -71,7 +84,7 @@ int CPipe::iWriteBytes(const char* pData, int iSize)
 
 int CPipe::iReadBytes(char* pData, int iSize)
 {
-    if (m_readfd == -1 || iSize < 0 || (pData == nullptr && iSize > 0)) {
+    if (!bUsable(m_readfd, pData, iSize)) {
         return -1;
     }
     ssize_t iRead = 0;
