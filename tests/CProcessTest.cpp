@@ -11,6 +11,7 @@
 #include "support/CWatchedProcess.h"
 #include "support/CallFilter.h"
 #include "support/Files.h"
+#include "support/LogLines.h"
 #include "support/ProcessFacts.h"
 
 #include <atomic>
@@ -127,15 +128,6 @@ protected:
         const std::string szOutput = szReadAll(out);
         EXPECT_EQ(0, m_Process.iWaitForExit(20));
         return szOutput;
-    }
-
-    bool bLogged(int iLevel, const std::string& szEnd)
-    {
-        return m_Receiver.bAwait([&](const CSyslogReceiver::Record& record) {
-            const std::string& szText = record.szText;
-            return record.iLevel == iLevel && szText.size() >= szEnd.size() &&
-                   szText.compare(szText.size() - szEnd.size(), szEnd.size(), szEnd) == 0;
-        });
     }
 
     CSyslogReceiver& m_Receiver = CSyslogReceiver::Get();
@@ -257,7 +249,7 @@ TEST_F(AProcess, LogsADirectoryThatIsNotThereAndGoesOn)
 {
     const std::string szHere = std::filesystem::current_path();
     EXPECT_EQ(szHere + "\n", szRun("pwd -P", "/no/such%s"));
-    EXPECT_TRUE(bLogged(LOG_ERR, "Cannot change directory /no/such%s"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "Cannot change directory /no/such%s"));
 }
 
 TEST_F(AProcess, ConnectsTheStandardStreams)
@@ -487,8 +479,8 @@ TEST_F(AProcess, ReportsAForkThatFailed)
                    : 1;
     });
     EXPECT_EQ(0, result.iExitCode);
-    EXPECT_TRUE(bLogged(LOG_ERR, "Cannot fork process"));
-    EXPECT_TRUE(bLogged(LOG_ERR, "Cannot fork process for /bin/true"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "Cannot fork process"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "Cannot fork process for /bin/true"));
     EXPECT_EQ("fork: Resource temporarily unavailable\nfork: Resource temporarily unavailable\n",
               result.szErrors);
 }
@@ -542,7 +534,8 @@ TEST_P(AnEndOfAProcess, IsDecodedAndLogged)
     m_Process.OnLost(end.iStatus);
     EXPECT_EQ(end.iExitCode, m_Process.iGetLastExitCode());
     EXPECT_EQ(-1, m_Process.iGetPID());
-    EXPECT_TRUE(bLogged(LOG_INFO, std::string(end.pszLine) + "watched - 5000000" + end.pszRest));
+    EXPECT_TRUE(
+        bAwaitLogged(LOG_INFO, std::string(end.pszLine) + "watched - 5000000" + end.pszRest));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -593,7 +586,8 @@ TEST_F(AProcess, TakesAProgramThatHasStoppedForLost)
     ASSERT_TRUE(bAwait([this] { return !m_Process.bIsRunning(nullptr, 0); }));
     EXPECT_EQ(0, m_Process.iGetLastExitCode());
     EXPECT_EQ(-1, m_Process.iGetPID());
-    EXPECT_TRUE(bLogged(LOG_INFO, "Child process has stopped : watched - " + std::to_string(pid)));
+    EXPECT_TRUE(
+        bAwaitLogged(LOG_INFO, "Child process has stopped : watched - " + std::to_string(pid)));
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
 }
@@ -663,7 +657,7 @@ TEST_F(AnObservedProcess, PostsItsLossAndItsStop)
     EXPECT_EQ(1, m_Process.nLosts());
     EXPECT_EQ(1, m_Process.nStops());
     EXPECT_EQ(-1, m_Process.iGetLastExitCode());
-    EXPECT_TRUE(bLogged(LOG_INFO, ": process watched - -1"));
+    EXPECT_TRUE(bAwaitLogged(LOG_INFO, ": process watched - -1"));
 }
 
 TEST_F(AnObservedProcess, PostsAStopThatIsNotWaitedFor)
@@ -674,7 +668,7 @@ TEST_F(AnObservedProcess, PostsAStopThatIsNotWaitedFor)
     EXPECT_EQ((ends_t{{0, 0}}), AwaitEnds(1));
     EXPECT_EQ(0, m_Process.nLosts());
     EXPECT_EQ(-1, m_Process.iGetPID());
-    EXPECT_TRUE(bLogged(LOG_INFO, ": process watched - " + std::to_string(pid)));
+    EXPECT_TRUE(bAwaitLogged(LOG_INFO, ": process watched - " + std::to_string(pid)));
     int iStatus = 0;
     EXPECT_EQ(pid, waitpid(pid, &iStatus, 0));
     EXPECT_EQ(SIGTERM, iStatus);
@@ -762,7 +756,7 @@ TEST_F(AProcess, GivesUpAProgramThatIgnoresTheStop)
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(-1, m_Process.iStop(true));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(5900));
-    EXPECT_TRUE(bLogged(LOG_ERR, "Cannot wait for process " + std::to_string(pid)));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "Cannot wait for process " + std::to_string(pid)));
     EXPECT_EQ(0, m_Process.nLosts());
     EXPECT_EQ(1, m_Process.nStops());
     EXPECT_EQ(-1, m_Process.iGetPID());
@@ -847,7 +841,7 @@ TEST_F(AProcess, WaitsAsLongAsItIsToldTo)
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(-1, m_Process.iWaitForExit(0));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
-    EXPECT_TRUE(bLogged(LOG_ERR, "Cannot wait for process " + szPid));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "Cannot wait for process " + szPid));
     ASSERT_EQ(szPid, std::to_string(m_Process.iGetPID()));
     EXPECT_EQ(0, m_Process.iPostSignal(SIGKILL, 0, m_Process.iGetPID())); // takes one process only
     EXPECT_EQ(0, m_Process.iWaitForExit(UINT32_MAX));
@@ -973,7 +967,8 @@ TEST_F(AProcess, TakesAnAdoptedStrangerForLost)
         return !bRuns && m_Process.nLosts() == 1 && m_Process.iGetLastExitCode() == 0 ? 0 : 1;
     });
     EXPECT_EQ(0, result.iExitCode);
-    EXPECT_TRUE(bLogged(LOG_INFO, "waitpid error: watched - " + std::to_string(stranger.iPid())));
+    EXPECT_TRUE(
+        bAwaitLogged(LOG_INFO, "waitpid error: watched - " + std::to_string(stranger.iPid())));
 }
 
 TEST_F(AProcess, StopsAProgramThatItHasAdopted)
@@ -1014,10 +1009,10 @@ TEST_F(AProcess, PostsASignalToAnotherProcess)
 TEST_F(AProcess, LogsASignalThatCannotBePosted)
 {
     EXPECT_EQ(-1, m_Process.iPostSignal(SIGUSR1, 0, -1));
-    EXPECT_TRUE(bLogged(LOG_ERR, ":  No such process"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, ":  No such process"));
     EXPECT_EQ(-1, m_Process.iPostSignal(9999, 0, 0));
     EXPECT_EQ(-1, m_Process.iPostSignal(UINT32_MAX, 0, 0));
-    EXPECT_TRUE(bLogged(LOG_ERR, ":  Invalid argument"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, ":  Invalid argument"));
 }
 
 class ACommand : public AProcess
@@ -1036,9 +1031,9 @@ protected:
 TEST_F(ACommand, ReturnsItsExitStatus)
 {
     EXPECT_EQ(0, CProcess::iCmdSystem("true", 0, true));
-    EXPECT_TRUE(bLogged(LOG_INFO, "command true exited, ret = 0"));
+    EXPECT_TRUE(bAwaitLogged(LOG_INFO, "command true exited, ret = 0"));
     EXPECT_EQ(255, CProcess::iCmdSystem("exit 255", 0, true));
-    EXPECT_TRUE(bLogged(LOG_INFO, "command exit 255 exited, ret = 255"));
+    EXPECT_TRUE(bAwaitLogged(LOG_INFO, "command exit 255 exited, ret = 255"));
     EXPECT_EQ(127, CProcess::iCmdSystem("/no/such/program 2> /dev/null", 0, true));
 }
 
@@ -1072,7 +1067,7 @@ TEST_F(ACommand, EndsItsRepetitionsWithTheFirstSuccess)
 TEST_F(ACommand, FailsWhenItIsKilled)
 {
     EXPECT_EQ(-1, CProcess::iCmdSystem("kill -TERM $$", 0, true));
-    EXPECT_TRUE(bLogged(LOG_ERR, "command kill -TERM $$ interrupted, sig = 15"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "command kill -TERM $$ interrupted, sig = 15"));
 }
 
 TEST_F(ACommand, ReturnsZeroAtOnceWhenItIsNotWaitedFor)
@@ -1130,7 +1125,7 @@ TEST_F(ACommand, FailsWithoutAShell)
     EXPECT_EQ(1, result.iExitCode);
     EXPECT_EQ("buffered;", result.szOutput);
     EXPECT_EQ("execve: No such file or directory\n", result.szErrors);
-    EXPECT_TRUE(bLogged(LOG_ERR, "Cannot execve process for true"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "Cannot execve process for true"));
 }
 
 TEST_F(ACommand, FailsWhenItsStatusIsNotKept)
@@ -1140,7 +1135,7 @@ TEST_F(ACommand, FailsWhenItsStatusIsNotKept)
         return CProcess::iCmdSystem("true", 0, true) == -1 ? 0 : 1;
     });
     EXPECT_EQ(0, result.iExitCode);
-    EXPECT_TRUE(bLogged(LOG_ERR, "waitpid() failed: 10"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "waitpid() failed: 10"));
 }
 
 TEST_F(ACommand, IsWaitedForInSpiteOfSignals)

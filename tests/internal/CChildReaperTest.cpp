@@ -3,6 +3,7 @@
 #include "support/CChild.h"
 #include "support/CDeadline.h"
 #include "support/ProcessFacts.h"
+#include "support/Signals.h"
 
 #include <algorithm>
 #include <atomic>
@@ -26,15 +27,6 @@ using namespace TestSupport;
 namespace
 {
 constexpr uid_t kNobody = 65534;
-
-using handler_t = void (*)(int);
-
-handler_t Disposition()
-{
-    struct sigaction action = {};
-    sigaction(SIGCHLD, nullptr, &action);
-    return action.sa_handler;
-}
 
 /// Waits for the end of a child and leaves it to be collected.
 void AwaitZombie(pid_t pid)
@@ -130,7 +122,7 @@ TEST_F(AChildReaper, HandlesTheSignalWithoutFlagsUntilItsEnd)
     EXPECT_NE(SIG_DFL, action.sa_handler);
     EXPECT_EQ(0, action.sa_flags & (SA_RESTART | SA_NOCLDSTOP | SA_NOCLDWAIT | SA_SIGINFO));
     m_Reaper.Stop(this);
-    EXPECT_EQ(SIG_DFL, Disposition());
+    EXPECT_EQ(SIG_DFL, Disposition(SIGCHLD));
 }
 
 TEST_F(AChildReaper, RestoresTheFormerHandler)
@@ -139,9 +131,9 @@ TEST_F(AChildReaper, RestoresTheFormerHandler)
     const handler_t former = [](int) {};
     signal(SIGCHLD, former);
     m_Reaper.Start(this, CReported::bLost);
-    EXPECT_NE(former, Disposition());
+    EXPECT_NE(former, Disposition(SIGCHLD));
     m_Reaper.Stop(this);
-    EXPECT_EQ(former, Disposition());
+    EXPECT_EQ(former, Disposition(SIGCHLD));
     signal(SIGCHLD, SIG_DFL);
 }
 
@@ -150,7 +142,7 @@ TEST_F(AChildReaper, LeavesALaterHandlerAlone)
     const handler_t later = [](int) {};
     signal(SIGCHLD, later);
     m_Reaper.Stop(this);
-    EXPECT_EQ(later, Disposition());
+    EXPECT_EQ(later, Disposition(SIGCHLD));
     signal(SIGCHLD, SIG_DFL);
 }
 
@@ -159,9 +151,9 @@ TEST_F(AChildReaper, IsStoppedByTheLastWhoStartedIt)
     const int iOther = 0;
     m_Reaper.Start(&iOther, CReported::bLost);
     m_Reaper.Stop(this);
-    EXPECT_NE(SIG_DFL, Disposition());
+    EXPECT_NE(SIG_DFL, Disposition(SIGCHLD));
     m_Reaper.Stop(&iOther);
-    EXPECT_EQ(SIG_DFL, Disposition());
+    EXPECT_EQ(SIG_DFL, Disposition(SIGCHLD));
 }
 
 TEST_F(AChildReaper, HasOneThreadUntilItsEnd)

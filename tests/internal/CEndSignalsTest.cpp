@@ -4,6 +4,7 @@
 
 #include "support/CChild.h"
 #include "support/CDeadline.h"
+#include "support/Signals.h"
 
 #include <atomic>
 #include <cerrno>
@@ -18,15 +19,6 @@ using namespace TestSupport;
 
 namespace
 {
-using handler_t = void (*)(int);
-
-handler_t Disposition(int iSignal)
-{
-    struct sigaction action = {};
-    sigaction(iSignal, nullptr, &action);
-    return action.sa_handler;
-}
-
 sigset_t Awaited()
 {
     sigset_t signals;
