@@ -21,9 +21,12 @@ class CProcessManager;
  * CCoreApp::m_ProcessManager learns of its end by itself; any other learns of it when it is asked
  * (bIsRunning(), iWaitForExit(), iStop()). Either way OnLost() is called once for one end.
  *
- * Threads: one at a time, but for the end that the reaper's thread reports. Ownership: does not own
- * the child: destroying the object leaves it running; it takes itself out of its manager, waiting
- * for an OnLost() that another thread is in. Rests on fork(2), execvp(3), waitpid(2) and kill(2).
+ * Threads: one at a time, but for the end that the reaper's thread reports. A program may be
+ * started again by the slot of EVT_PROCESS_STOPPED. Ownership: does not own the child: destroying
+ * the object leaves it running; it takes itself out of its manager, waiting for an OnLost() that
+ * another thread is in. A class that overrides OnLost() or OnStop() calls
+ * CProcessManager::RemoveProcess() in its own destructor, which is early enough for its members.
+ * Rests on fork(2), execvp(3), waitpid(2) and kill(2).
  */
 class QUORCORE_API CProcess : public CObject
 {
@@ -67,14 +70,18 @@ public:
                        CPipe* pIn, CPipe* pOut, CPipe* pErr);
 
     /**
-     * @brief Sends SIGTERM, waits for the end up to 5 s when told so, and calls OnStop().
-     * @return 0, also when there is no child; -1 when the signal could not be sent (errno) or, with
-     *         @p bWait, the child still runs.
+     * @brief Sends SIGTERM, waits for the end when told so, and calls OnStop().
+     *
+     * A child that has ended before, and was collected, is not signalled: its number may be that of
+     * another process by now.
+     *
+     * @return 0, also when there is no child; without @p bWait -1 when the signal could not be sent
+     *         (errno); with it -1 when the child still runs after 6 s.
      */
     int iStop(bool bWait);
 
-    /// Waits for the end of the child. @param iSeconds  Limit in s. @return 0 ended or no child,
-    /// -1.
+    /// Waits for the end of the child. @param iSeconds  Limit in s; a second is added.
+    /// @return 0 it has ended or there is none; -1 it still runs (logged).
     int iWaitForExit(uint32_t iSeconds);
 
     /**
@@ -82,15 +89,15 @@ public:
      * @param szName    Command name of a running process to adopt when there is no child, or null.
      *                  Only the exact name of 15 characters at most that the kernel keeps is
      *                  compared; whoever runs a program of that name is adopted, and would be
-     * stopped.
+     *                  stopped.
      * @param iRetries  Further attempts while no running child is found; there is no pause between.
      * @return Whether the child exists and runs; an adopted process that is no child of this one
      *         counts as lost.
      */
     bool bIsRunning(const char* szName, long iRetries);
 
-    /// Finds a running process by its command name in /proc. @param bKeep  Adopt it.
-    /// @return Its pid, or -1.
+    /// Finds a process by its command name in /proc, as bIsRunning() compares it, up to its first
+    /// blank. @param bKeep  Adopt it. @return Its pid, or -1.
     int iFindProcessId(const char* szName, bool bKeep);
 
     /// Queues a signal with a value to a process; sigqueue(3). @param iPid  0: this process.
@@ -100,7 +107,7 @@ public:
     /**
      * @brief Runs a shell command line, with an empty environment: programs need their full path.
      * @param szCommand  For "/bin/sh -c". It runs with this daemon's rights: nothing that comes
-     * from outside may be part of it unchecked.
+     *                   from outside may be part of it unchecked.
      * @param iRetries   A command that fails is run again that often, 500 ms apart.
      * @param bWait      Wait for its end; otherwise it is left to the SIGCHLD reaper.
      * @return Its exit status; -1 when it was killed, could not be started or waited for; 0 without
