@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <exception>
-#include <cstdio>
+#include <iostream>
 #include <utility>
 
 namespace QuorCore
@@ -76,7 +76,7 @@ void CCallbackMap::RemoveEvent(uint32_t iEventId)
         const auto range = m_mmapCallback.equal_range(iEventId);
         Retire(range.first, range.second);
     } catch (const std::exception& exception) {
-        std::fputs(exception.what(), stdout);
+        std::cout << exception.what();
         QUORCORE_LOG(LOG_ERR, "%s;", exception.what());
     }
 }
@@ -103,15 +103,20 @@ void CCallbackMap::RemoveAllCallback()
     }
 }
 
-/// Takes entries out of use: at once, or while a dispatch walks over them, after it.
+/// Takes entries out: at once, or while a dispatch walks over them, after it.
 void CCallbackMap::Retire(callbacks_t::iterator first, callbacks_t::iterator last)
 {
+    const auto nEntries = static_cast<size_t>(std::distance(first, last));
+    m_retired.reserve(m_retired.size() + nEntries); // what throws does so before anything changes
+    m_dead.reserve(m_dead.size() + nEntries);
     for (auto entry = first; entry != last; ++entry) {
         if (entry->second != nullptr) {
             m_retired.push_back(entry->second);
-            entry->second = nullptr;
+        }
+        if (entry->second != nullptr || m_iDispatchDepth == 0) { // else it is among the dead
             m_dead.push_back(entry);
         }
+        entry->second = nullptr;
     }
     if (m_iDispatchDepth == 0) {
         Bury();
