@@ -6,6 +6,7 @@
 #include "libQuorCore/Export.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -151,8 +152,7 @@ protected:
     void WithdrawMessages();
 
     /// @return Whether a message without payload that this object posted for @p iEventId still
-    /// waits
-    ///         in the dispatcher's queue.
+    ///         waits in the dispatcher's queue.
     bool bIsPostQueued(uint32_t iEventId) const;
 
     std::string m_szLabel;
@@ -181,8 +181,10 @@ private:
 /**
  * @brief A message on its way through the dispatcher.
  *
- * Ownership: with m_bDoDelete the message owns its payload, memory of malloc(3), and the dispatcher
- * owns the message once posted. Without it the poster keeps both.
+ * Ownership: with m_bDoDelete the message owns its payload, and the dispatcher owns the message
+ * once posted. Without it the poster keeps both. A payload that the message copied lies within the
+ * message when it is small: who wants to keep it copies it. One that is put into m_pData by hand is
+ * memory of malloc(3).
  */
 class QUORCORE_API CMsg
 {
@@ -225,6 +227,6 @@ public:
 private:
     static constexpr uint32_t kInlineSize =
         40; ///< Payloads up to here need no memory of their own.
-    alignas(8) unsigned char m_aInline[kInlineSize];
+    alignas(std::max_align_t) unsigned char m_aInline[kInlineSize]; // as malloc(3) aligns
 };
 } // namespace QuorCore
