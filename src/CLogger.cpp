@@ -73,6 +73,8 @@ public:
         return m_szLabel.c_str();
     }
 
+    void Clear() { m_bActive = false; }
+
 private:
     bool m_bActive = false;
     std::string m_szLabel;
@@ -449,6 +451,7 @@ void CLogger::CancelLogIdForThread()
     if (bIsProcessLogger(this)) {
         t_pszLogLabel = nullptr;
         t_piLogLimit = &g_iDefaultLogLevel;
+        t_registration.Clear(); // nothing is left to do at the thread's very end
     }
     const CHeldMutex held(m_hMutex);
     if (!held) {
