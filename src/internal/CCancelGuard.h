@@ -47,8 +47,7 @@ public:
     CDeferredCancel() : m_bRestore(t_bAsynchronousCancel)
     {
         if (m_bRestore) {
-            int iFormerType = PTHREAD_CANCEL_ASYNCHRONOUS;
-            pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &iFormerType);
+            pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &m_iFormerType);
             t_bAsynchronousCancel = false;
         }
     }
@@ -57,14 +56,15 @@ public:
     ~CDeferredCancel() noexcept(false)
     {
         if (m_bRestore) {
-            int iFormerType = PTHREAD_CANCEL_DEFERRED;
+            int iIgnored = 0;
             t_bAsynchronousCancel = true;
-            pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &iFormerType);
+            pthread_setcanceltype(m_iFormerType, &iIgnored);
         }
     }
 
 private:
     const bool m_bRestore;
+    int m_iFormerType = PTHREAD_CANCEL_DEFERRED; // a body may have deferred it by itself
 };
 
 /// The way in which a thread was to be cancelled; see DeferAnyCancel().
