@@ -72,7 +72,7 @@ CFileNotification::CFileNotification(CObject* pParent, const char* szLabel)
 
 CFileNotification::~CFileNotification()
 {
-    iStop(true, false);
+    StopAndAwaitEnd();
     CFileNotification* pThis = this;
     m_pFileNotification.compare_exchange_strong(pThis, nullptr);
     RemoveAllNotification();

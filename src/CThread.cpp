@@ -59,6 +59,20 @@ private:
     int m_iError;
 };
 
+/// What the calling thread runs for; null in threads that are no CThread's.
+__thread const CThreadLife* t_pOwnLife = nullptr;
+
+/// Takes a thread from the logger before its end is announced: one that nobody joins may otherwise
+/// do so when the process, and with it the logger, is already going down.
+class CUnregister
+{
+public:
+    CUnregister() = default;
+    CUnregister(const CUnregister&) = delete;
+    CUnregister& operator=(const CUnregister&) = delete;
+    ~CUnregister() { CThread::m_Logger.CancelLogIdForThread(); }
+};
+
 bool bIsSelf(pthread_t thread)
 {
     return pthread_equal(thread, pthread_self()) != 0;
@@ -77,18 +91,36 @@ CThread::CThread(CObject* pParent, const char* szLabel)
 
 CThread::~CThread()
 {
-    const pthread_t thread = m_threadId;
-    if (thread != 0) {
-        CThread::iStop(true, true);
+    const CNoCancel noCancel; // it logs and waits, and must not be unwound
+    if (m_threadId != 0) {
+        CThread::iStop(true, !bIsOwnThread());
     }
-    if (!bIsSelf(thread) && !m_pLife->bDeletesItself()) {
-        while (!m_pLife->bAwaitEnd(kJoinLimitMs)) { // the object must outlive its thread
-            QUORCORE_LOG(LOG_CRIT, "%s : destroyed before its thread has ended, waiting",
-                         m_szLabel.c_str());
-        }
-    }
+    AwaitThreadEnd();
     WithdrawMessages(); // while slots may still ask for the label and set the level
     m_Logger.ForgetLevel(&m_iLogLevel);
+}
+
+void CThread::StopAndAwaitEnd()
+{
+    const CNoCancel noCancel; // for destructors
+    iStop(true, false);
+    AwaitThreadEnd();
+}
+
+void CThread::AwaitThreadEnd()
+{
+    if (bIsOwnThread()) {
+        return; // an auto-delete thread
+    }
+    while (!m_pLife->bAwaitEnd(kJoinLimitMs)) { // the object must outlive its thread
+        QUORCORE_LOG(LOG_CRIT, "%s : destroyed before its thread has ended, waiting",
+                     m_szLabel.c_str());
+    }
+}
+
+bool CThread::bIsOwnThread() const
+{
+    return t_pOwnLife == m_pLife.get();
 }
 
 CThread* CThread::pAsThread(CObject* pObject)
@@ -141,7 +173,7 @@ long CThread::iCreateThread(bool bWait, int iTimeout)
         lResult = iStartThread(bAutoDelete);
     }
     if (lResult == 0 && bWait && iTimeout >= 1 && !pLife->bAwaitRaise(iTimeout)) {
-        AbandonStart(bAutoDelete, iTimeout, *pLife);
+        AbandonStart(*this, bAutoDelete, iTimeout, *pLife);
         lResult = -1;
     }
     if (lResult != 0) {
@@ -170,7 +202,8 @@ long CThread::iStartThread(bool bAutoDelete)
     return iError;
 }
 
-void CThread::AbandonStart(bool bAutoDelete, int iTimeout, CThreadLife& life)
+/// Static, since @p thread may be gone if it is an auto-delete one.
+void CThread::AbandonStart(CThread& thread, bool bAutoDelete, int iTimeout, CThreadLife& life)
 {
     // An auto-delete thread has no id while it runs. The wait for an id counts down in steps of
     // 10 ms and complains only when it ends below 0, so a time-out that is a multiple of 10 gets
@@ -182,9 +215,9 @@ void CThread::AbandonStart(bool bAutoDelete, int iTimeout, CThreadLife& life)
         return;
     }
     if (bAutoDelete) {
-        life.WhileObjectLives([this] { iStop(true, false); });
+        life.WhileObjectLives([&thread] { thread.iStop(true, false); });
     } else {
-        iStop(true, false);
+        thread.iStop(true, false);
     }
     QUORCORE_LOG(LOG_CRIT, "error: !bIsRunning() >  1000ms");
 }
@@ -195,7 +228,10 @@ void* CThread::pThreadEntryPoint(void* pThis)
     if (pThis != nullptr) {
         CThread* const pThread = static_cast<CThread*>(pThis);
         const CThreadEnd end(pThread->m_pLife);
+        const CUnregister unregister;
+        t_pOwnLife = pThread->m_pLife.get();
         lResult = pThread->iRunHooks();
+        t_pOwnLife = nullptr;
     }
     if (lResult != 0) {
         m_Logger.Log(LOG_ERR, __FILE__, __LINE__, "CThread::pThreadEntryPoint", "error: %s",
@@ -208,8 +244,13 @@ long CThread::iRunHooks()
 {
     const bool bAutoDelete = m_bAutoDelete;
     const std::shared_ptr<CThreadLife> pLife = m_pLife;
-    if (pLife->bEnter()) {
-        m_threadId = pthread_self();
+    {
+        // Whoever creates the thread has stored its id once this lock is free. An auto-delete
+        // thread stores its own, as its creator must not touch the object any more.
+        const std::lock_guard<std::mutex> created(pLife->CreateLock());
+        if (pLife->bEnter() && bAutoDelete) {
+            m_threadId = pthread_self();
+        }
     }
     if (bAutoDelete) {
         iDetach();
@@ -219,12 +260,12 @@ long CThread::iRunHooks()
     try {
         lResult = iInitInstance();
         if (lResult == 0) {
-            const CAsynchronousCancel cancel;
-            lResult = iRunThread();
+            lResult = iRunCancellable();
         }
         bExited = true;
         iExitInstance();
     } catch (const std::exception& exception) {
+        DeferAnyCancel(); // the body may have thrown
         std::cout << exception.what() << std::flush;
         QUORCORE_LOG(LOG_ERR, "%s;", exception.what());
         if (!bExited) {
@@ -237,6 +278,18 @@ long CThread::iRunHooks()
         pLife->AnnounceDeletion();
         delete this;
     }
+    return lResult;
+}
+
+/// Runs the body as a thread that can be cancelled at any instruction. Such a thread is unwound
+/// from wherever it is, and a function with clean-ups of its own ends the process when that is
+/// between two of its calls: hence no object and no handler in here, and not inlined where there
+/// are some.
+__attribute__((noinline)) long CThread::iRunCancellable()
+{
+    RestoreCancel({PTHREAD_CANCEL_ASYNCHRONOUS, true});
+    const long lResult = iRunThread();
+    DeferAnyCancel();
     return lResult;
 }
 
@@ -262,34 +315,59 @@ long CThread::iStop(bool bJoin, bool bCancel)
         return 0;
     }
     const CHeldLock<CRecursiveLock> stopping(m_StopLock, {});
-    const pthread_t thread = iKnownThread();
-    if (thread != 0) {
+    const unsigned iThread = iKnownThread();
+    if (iThread != 0) {
+        AskStop(); // again: it may have been created since, which forgets a stop
         if (bCancel) {
-            pthread_cancel(thread);
+            CancelThread(iThread);
         }
         if (bJoin) {
             iJoin();
         }
+        GiveUpThread(iThread);
+    } else if (bJoin && !bIsOwnThread()) {
+        m_pLife->bAwaitEnd(kJoinLimitMs); // of a thread that an earlier stop gave up
     }
-    GiveUpThread();
-    if (m_pLife->bAwaitEnd(0)) {
-        m_bRun.ForgetStop();
-    }
+    ForgetServedStop();
     return 0;
 }
 
-pthread_t CThread::iKnownThread()
+/// @return The number of the thread that has its id in m_threadId; 0 when there is none. Unlike the
+/// id, which the system gives to the next thread again, the number names one thread for ever.
+unsigned CThread::iKnownThread()
 {
     const std::lock_guard<std::mutex> held(m_pLife->CreateLock()); // its creator may yet store it
-    return m_threadId;
+    return m_threadId != 0 ? m_pLife->iNumber() : 0;
 }
 
-void CThread::GiveUpThread()
+/// Under the life's CreateLock. @return Whether m_threadId still is the id of that thread, which
+/// then is neither joined nor detached.
+bool CThread::bIsKnown(unsigned iThread) const
+{
+    return m_threadId != 0 && m_pLife->iNumber() == iThread;
+}
+
+void CThread::CancelThread(unsigned iThread)
 {
     const std::lock_guard<std::mutex> held(m_pLife->CreateLock());
-    const pthread_t thread = m_threadId.exchange(0);
-    if (thread != 0) {
-        pthread_detach(thread); // not joined: its stack goes when it ends
+    if (bIsKnown(iThread)) {
+        pthread_cancel(m_threadId);
+    }
+}
+
+void CThread::GiveUpThread(unsigned iThread)
+{
+    const std::lock_guard<std::mutex> held(m_pLife->CreateLock());
+    if (bIsKnown(iThread)) {
+        pthread_detach(m_threadId.exchange(0)); // not joined: its stack goes when it ends
+    }
+}
+
+/// Lets the flag be raised again when no thread is left that would have to see the stop.
+void CThread::ForgetServedStop()
+{
+    if (m_pLife->bAwaitEnd(0)) {
+        m_bRun.ForgetStop();
     }
 }
 
@@ -303,19 +381,31 @@ long CThread::iJoin()
     if (bIsSelf(m_threadId)) {
         return EDEADLK;
     }
-    const std::lock_guard<std::mutex> held(m_JoinLock);
-    const pthread_t thread = iKnownThread();
-    if (thread == 0) {
+    const unsigned iThread = iKnownThread();
+    long lResult = -1;
+    if (iThread != 0) {
+        const bool bEnded = m_pLife->bAwaitEnd(kJoinLimitMs, iThread);
+        lResult = lJoinKnown(iThread, bEnded ? kUnwindLimitMs : 0);
+    }
+    if (lResult == ETIMEDOUT) {
+        QUORCORE_LOG(LOG_ERR, "can't stop !!");
+        CancelThread(iThread);
+    }
+    ForgetServedStop();
+    return lResult;
+}
+
+/// @return As iJoin(); -1 also when another thread has joined or detached it meanwhile.
+long CThread::lJoinKnown(unsigned iThread, int iMs)
+{
+    const std::lock_guard<std::mutex> held(m_pLife->CreateLock());
+    if (!bIsKnown(iThread)) {
         return -1;
     }
-    const int iUnwindMs = m_pLife->bAwaitEnd(kJoinLimitMs) ? kUnwindLimitMs : 0;
-    const timespec limit = After(Now(CLOCK_REALTIME), iUnwindMs);
-    const int iError = pthread_timedjoin_np(thread, nullptr, &limit);
+    const timespec limit = After(Now(CLOCK_REALTIME), iMs);
+    const int iError = pthread_timedjoin_np(m_threadId, nullptr, &limit);
     if (iError == 0) {
         ResetThreadId(); // a second join of this id would be undefined
-    } else if (iError == ETIMEDOUT) {
-        QUORCORE_LOG(LOG_ERR, "can't stop !!");
-        pthread_cancel(thread);
     }
     return iError;
 }
@@ -345,10 +435,11 @@ bool CThread::bDynWait(int iSeconds)
 {
     const CDeferredCancel deferred;
     m_bRunDynWait = true;
+    int iLeft = std::max(iSeconds, 1);
     do {
         SleepMs(kMsPerSecond);
-        --iSeconds;
-    } while (m_bRun && iSeconds > 0 && m_bRunDynWait);
+        --iLeft;
+    } while (m_bRun && iLeft > 0 && m_bRunDynWait);
     return m_bRun;
 }
 
@@ -357,10 +448,11 @@ void CThread::YieldCPU(int iTotalMs, int iStepMs)
     const CDeferredCancel deferred;
     const int iStep = std::max(iStepMs, 1);
     m_bRunDynWait = true;
+    int iLeftMs = std::max(iTotalMs, 1);
     do {
         Sleep(iStep);
-        iTotalMs -= iStep;
-    } while (m_bRun && iTotalMs >= 1 && m_bRunDynWait);
+        iLeftMs -= iStep;
+    } while (m_bRun && iLeftMs >= 1 && m_bRunDynWait);
 }
 
 CInvokeCallback* CThread::pAddCallback(uint32_t iEventId, CInvokeCallback* pCallback)

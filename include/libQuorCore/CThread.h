@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <pthread.h>
 
 namespace QuorCore
@@ -28,7 +27,7 @@ namespace QuorCore
  * Cancellation (iStop with bCancel, or a thread that does not end within 10 s) is asynchronous
  * while iRunThread() runs, as pthread_setcanceltype(3) has it: a body that may be cancelled holds
  * no lock and allocates nothing outside the library's own calls, which defer it. Ownership: a
- * derived class whose members the thread uses calls iStop(true, false) in its own destructor;
+ * derived class whose members the thread uses calls StopAndAwaitEnd() in its own destructor;
  * ~CThread stops, cancels and waits as a last resort, because the object must outlive its thread.
  * Errors: by return value, error numbers of pthreads(7) or -1.
  */
@@ -50,7 +49,8 @@ public:
      * touch the object any more. A stop that finds another one under way logs "iStop is running"
      * and leaves it to that one.
      *
-     * @param bJoin    Wait for the end, 10 s at most, after which the thread is cancelled.
+     * @param bJoin    Wait for the end, 10 s at most, after which the thread is cancelled. Waits,
+     *                 too, for a thread that an earlier stop did not join, without cancelling it.
      * @param bCancel  Cancel the thread first.
      * @return 0 always.
      */
@@ -136,6 +136,10 @@ public:
     static CLogger m_Logger; ///< The logger of the process.
 
 protected:
+    /// For destructors: iStop(true, false), and waits as long as the thread still uses the object,
+    /// however it was stopped before. A thread that does not end is logged every 10 s at level 2.
+    void StopAndAwaitEnd();
+
     /// The object as a thread, or null. Asks a plain field rather than the type information, which
     /// changes while an object is being destroyed: a slot may look at the origin of a message just
     /// then, and ~CThread waits for it.
@@ -147,7 +151,7 @@ protected:
 
     CRunFlag m_bRun;                        ///< The loop goes on while it is set.
     std::atomic<bool> m_bRunDynWait{false}; ///< An interruptible wait goes on while it is set.
-    std::atomic<pthread_t> m_threadId{0};   ///< 0 when there is no thread.
+    std::atomic<pthread_t> m_threadId{0};   ///< 0 when there is no thread to join.
     pthread_attr_t m_pthreadAttr;           ///< Zeroed; kept for derived classes, not used here.
     CRecursiveLock m_RecursiveLock;         ///< For the state of derived classes.
     CRecursiveLock m_StopLock;              ///< Held by the stop that is under way.
@@ -158,13 +162,19 @@ protected:
 
 private:
     long iStartThread(bool bAutoDelete);
-    void AbandonStart(bool bAutoDelete, int iTimeout, CThreadLife& life);
+    static void AbandonStart(CThread& thread, bool bAutoDelete, int iTimeout, CThreadLife& life);
     long iRunHooks();
+    long iRunCancellable();
     void ExitAfterException();
-    pthread_t iKnownThread();
-    void GiveUpThread();
+    unsigned iKnownThread();
+    bool bIsKnown(unsigned iThread) const;
+    bool bIsOwnThread() const;
+    void CancelThread(unsigned iThread);
+    void GiveUpThread(unsigned iThread);
+    long lJoinKnown(unsigned iThread, int iMs);
+    void ForgetServedStop();
+    void AwaitThreadEnd();
 
-    std::mutex m_JoinLock; ///< One joiner at a time: a thread must not be joined twice.
     std::shared_ptr<CThreadLife> m_pLife; ///< The thread's too; outlives an auto-delete object.
 };
 } // namespace QuorCore

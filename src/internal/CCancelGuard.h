@@ -6,31 +6,8 @@
 
 namespace QuorCore
 {
-/// The calling thread runs a body that may be cancelled at any instruction; see
-/// CAsynchronousCancel.
+/// The calling thread runs a body that may be cancelled at any instruction.
 extern __thread bool t_bAsynchronousCancel __attribute__((tls_model("initial-exec")));
-
-/**
- * @brief Lets the calling thread be cancelled at any instruction for a scope: a thread's body.
- */
-class CAsynchronousCancel
-{
-public:
-    CAsynchronousCancel()
-    {
-        int iFormerType = PTHREAD_CANCEL_DEFERRED;
-        t_bAsynchronousCancel = true;
-        pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &iFormerType);
-    }
-    CAsynchronousCancel(const CAsynchronousCancel&) = delete;
-    CAsynchronousCancel& operator=(const CAsynchronousCancel&) = delete;
-    ~CAsynchronousCancel()
-    {
-        int iFormerType = PTHREAD_CANCEL_DEFERRED;
-        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &iFormerType);
-        t_bAsynchronousCancel = false;
-    }
-};
 
 /**
  * @brief Defers cancellation to cancellation points for a scope.

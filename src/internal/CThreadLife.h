@@ -29,6 +29,17 @@ public:
         ++m_iAlive;
         ++m_iExpected;
         m_bRaised = false;
+        if (++m_iNumber == 0) {
+            m_iNumber = 1; // 0 is none
+        }
+        m_changed.notify_all();
+    }
+
+    /// @return The number of the thread that was announced last, from 1 on.
+    unsigned iNumber()
+    {
+        const std::lock_guard<std::mutex> held(m_lock);
+        return m_iNumber;
     }
 
     /// The thread runs. @return Whether Begin() announced it; if not, it counts from now on.
@@ -73,13 +84,6 @@ public:
         m_bObjectGone = true;
     }
 
-    /// @return Whether the object is deleted by its own thread.
-    bool bDeletesItself()
-    {
-        const std::lock_guard<std::mutex> held(m_objectLock);
-        return m_bObjectGone;
-    }
-
     /// Runs @p function unless the object was deleted; it is not deleted meanwhile.
     template <class Function>
     void WhileObjectLives(Function function)
@@ -107,6 +111,16 @@ public:
                                   [this] { return m_iAlive == 0; });
     }
 
+    /// The same for the thread of a number, and true as well when another one was announced since:
+    /// that one is nobody's business who waits for this.
+    bool bAwaitEnd(int iMs, unsigned iNumber)
+    {
+        std::unique_lock<std::mutex> held(m_lock);
+        return m_changed.wait_for(held, std::chrono::milliseconds(iMs), [this, iNumber] {
+            return m_iAlive == 0 || m_iNumber != iNumber;
+        });
+    }
+
 private:
     std::mutex m_createLock;
     std::mutex m_objectLock;
@@ -114,6 +128,7 @@ private:
 
     std::mutex m_lock; // guards what follows
     std::condition_variable m_changed;
+    unsigned m_iNumber = 0; // of the latest thread
     int m_iAlive = 0;       // threads announced or running
     int m_iExpected = 0;    // announced and not running yet
     bool m_bRaised = false; // the latest one has started its loop
