@@ -86,13 +86,14 @@ std::string CObject::szGetFullName() const
 void CObject::SetEventManager(CSlotCallbackManager* pCallbackManager,
                               CFileNotification* pFileNotification)
 {
-    m_pCallbackManager = pCallbackManager;
+    CDispatcherGate::Replace(m_pCallbackManager, pCallbackManager);
     m_pFileNotification = pFileNotification;
 }
 
 void CObject::WithdrawMessages()
 {
     if (m_bPosted.load(std::memory_order_relaxed)) {
+        const CNoCancel noCancel; // for destructors: it may wait, and must not be unwound
         m_bPosted = false;
         const CDispatcherGate gate(m_pCallbackManager);
         if (gate.pGet() != nullptr) {

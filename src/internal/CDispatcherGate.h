@@ -22,7 +22,8 @@ public:
     explicit CDispatcherGate(const std::atomic<CSlotCallbackManager*>& pDispatcher)
     {
         if (t_iScopes++ == 0) {
-            ++s_iInside;
+            t_iSide = s_iSide.load(std::memory_order_relaxed);
+            ++s_aInside[t_iSide];
         }
         m_pDispatcher = pDispatcher; // after the count: whoever closes either sees it or was seen
     }
@@ -31,7 +32,7 @@ public:
     ~CDispatcherGate() noexcept(false)
     {
         if (--t_iScopes == 0) {
-            --s_iInside;
+            --s_aInside[t_iSide];
         }
     }
 
@@ -42,10 +43,21 @@ public:
     static void Close(std::atomic<CSlotCallbackManager*>& pointer,
                       CSlotCallbackManager* pDispatcher);
 
+    /// Puts @p pDispatcher, or null, there, and waits in the same way for the former one, which may
+    /// then be destroyed.
+    static void Replace(std::atomic<CSlotCallbackManager*>& pointer,
+                        CSlotCallbackManager* pDispatcher);
+
 private:
-    static std::atomic<int> s_iInside; // threads within a scope
-    // Scopes of the calling thread, one within another.
+    static void AwaitLeaving();
+
+    // Threads within a scope, each on the side that was the open one when it came. Who waits turns
+    // the side, so that those who come meanwhile do not make the wait last for ever.
+    static std::atomic<int> s_aInside[2];
+    static std::atomic<unsigned> s_iSide;
+    // Of the calling thread: its scopes, one within another, and where the outermost one counts.
     static __thread int t_iScopes __attribute__((tls_model("initial-exec")));
+    static __thread unsigned t_iSide __attribute__((tls_model("initial-exec")));
 
     CDeferredCancel m_deferred; // a thread cancelled inside would keep the gate open for ever
     CSlotCallbackManager* m_pDispatcher;
