@@ -45,8 +45,11 @@ public:
             const std::lock_guard<std::mutex> batchHeld(m_manager.m_batchLock);
             pDone = m_manager.pChangeCurrent(nullptr);
             m_manager.ReturnBatch();
+            if (!m_manager.m_listMsg.empty()) {
+                m_manager.m_newMsgEvent.iSetEvent(); // for the next loop: their counts may be gone
+            }
         }
-        DeleteOwned(pDone);
+        delete pDone;
     }
 
 private:
@@ -60,7 +63,7 @@ CSlotCallbackManager::CSlotCallbackManager(CObject* pParent, const char* szLabel
 
 CSlotCallbackManager::~CSlotCallbackManager()
 {
-    CSlotCallbackManager::iStop(true, false);
+    StopAndAwaitEnd();
     CDispatcherGate::Close(m_pCallbackManager, this);
     RemoveAllMsg();
 }
@@ -230,17 +233,28 @@ CMsg* CSlotCallbackManager::pTakeNext()
         }
         pDone = pChangeCurrent(pNext);
     }
-    DeleteOwned(pDone);
+    delete pDone;
     return pNext;
 }
 
-/// Under m_batchLock. @return The former current message, whose dispatch is over.
+/**
+ * Under m_batchLock. Notes of the next message what is asked after its dispatch, and by others
+ * during it: one that is the poster's may be gone as soon as a slot has told that it arrived.
+ * @return The former current message if it is to be deleted now, else null.
+ */
 const CMsg* CSlotCallbackManager::pChangeCurrent(CMsg* pNext)
 {
+    const bool bDelete =
+        m_bCurrentOwned && m_pCurrent->m_bDoDelete; // a slot may have taken it over
+    const CMsg* const pDone = bDelete ? m_pCurrent : nullptr;
+    m_pCurrent = pNext;
+    m_pCurrentOrigin = pNext != nullptr ? pNext->m_pOrigin : nullptr;
+    m_bCurrentOwned = pNext != nullptr && pNext->m_bDoDelete;
+    ++m_iDispatch;
     if (m_iAwaitingCurrent > 0) {
         m_dispatched.notify_all();
     }
-    return std::exchange(m_pCurrent, pNext);
+    return pDone;
 }
 
 long CSlotCallbackManager::iDispatch(CMsg* pMsg)
@@ -255,36 +269,51 @@ long CSlotCallbackManager::iDispatch(CMsg* pMsg)
 
 void CSlotCallbackManager::ForgetOrigin(const CObject* pOrigin)
 {
-    const auto forgetIn = [=](const std::list<CMsg*>& messages) {
-        for (CMsg* pMsg : messages) {
-            if (pMsg != nullptr && pMsg->m_pOrigin == pOrigin) {
+    do { // again after a wait: the message that was the current one may be queued once more
+        ForgetQueuedOrigin(pOrigin);
+    } while (bAwaitCurrentOf(pOrigin));
+}
+
+/// Leaves the current message alone: a slot is looking at it.
+void CSlotCallbackManager::ForgetQueuedOrigin(const CObject* pOrigin)
+{
+    const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
+    const std::lock_guard<std::mutex> batchHeld(m_batchLock);
+    for (const std::list<CMsg*>* pMessages : {&m_batch, &m_listMsg}) {
+        for (CMsg* pMsg : *pMessages) {
+            if (pMsg != nullptr && pMsg != m_pCurrent && pMsg->m_pOrigin == pOrigin) {
                 pMsg->m_pOrigin = nullptr;
             }
         }
-    };
-    {
-        const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
-        const std::lock_guard<std::mutex> batchHeld(m_batchLock);
-        forgetIn(m_batch);
-        forgetIn(m_listMsg);
     }
+}
+
+/// @return Whether a message of this origin was the current one and had to be waited for.
+bool CSlotCallbackManager::bAwaitCurrentOf(const CObject* pOrigin)
+{
     std::unique_lock<std::mutex> batchHeld(m_batchLock);
-    CMsg* const pMsg = m_pCurrent;
-    if (pMsg == nullptr || pMsg->m_pOrigin != pOrigin) {
-        return;
+    if (m_pCurrentOrigin != pOrigin) {
+        return false;
     }
     if (pthread_equal(m_dispatchThread, pthread_self()) != 0) {
-        pMsg->m_pOrigin = nullptr; // a slot destroys the very object
-        return;
+        m_pCurrent->m_pOrigin = nullptr; // a slot destroys the very object
+        m_pCurrentOrigin = nullptr;
+        return false;
     }
     ++m_iAwaitingCurrent;
-    m_dispatched.wait(batchHeld, [=] { return m_pCurrent != pMsg; });
+    // By number: the next message may lie where this one lay.
+    m_dispatched.wait(batchHeld,
+                      [this, iDispatch = m_iDispatch] { return m_iDispatch != iDispatch; });
     --m_iAwaitingCurrent;
+    return true;
 }
 
 long CSlotCallbackManager::iStop(bool bJoin, bool bCancel)
 {
-    m_bRun = false;
+    if (m_bAutoDelete) {
+        return CThread::iStop(bJoin, bCancel); // after which the object may be gone
+    }
+    AskStop();
     if (m_threadId != 0) {
         m_newMsgEvent.iSetEvent(); // so that the loop looks now; a count too many is an empty pass
     }

@@ -23,8 +23,11 @@ namespace QuorCore
  * The queue has no bound: who posts faster than the slots work fills memory. The library's own
  * endpoints never have more than one ping or pong event of theirs waiting.
  *
- * Threads: any may post, also while the dispatcher is stopped (messages wait) or destroyed (-5).
- * Ownership: a message with m_bDoDelete is the dispatcher's once posted.
+ * Threads: any may post, also while the dispatcher is stopped (messages wait) or destroyed (-5). An
+ * object of a derived class is withdrawn before that, by SetEventManager(): who posts calls its
+ * virtual functions, and those of a derived class go first.
+ * Ownership: a message with m_bDoDelete is the dispatcher's once posted. One without it is never
+ * deleted, and not touched any more when its last slot has returned.
  */
 class QUORCORE_API CSlotCallbackManager : public CThread
 {
@@ -76,17 +79,22 @@ private:
     void ReturnBatch();
     CMsg* pTakeNext();
     const CMsg* pChangeCurrent(CMsg* pNext);
+    void ForgetQueuedOrigin(const CObject* pOrigin);
+    bool bAwaitCurrentOf(const CObject* pOrigin);
     long iDispatch(CMsg* pMsg);
 
     std::list<CMsg*> m_listSpare;       ///< Used nodes for new messages. Guarded as m_listMsg.
     std::atomic<bool> m_bUrgent{false}; ///< An urgent message came after the batch was taken.
 
-    std::mutex m_batchLock;               ///< Taken after m_RecursiveLock; guards what follows.
-    std::list<CMsg*> m_batch;             ///< Taken from m_listMsg in one go, in its order.
-    std::list<CMsg*> m_used;              ///< Nodes of the batch that were dispatched.
-    CMsg* m_pCurrent = nullptr;           ///< Being dispatched.
-    std::condition_variable m_dispatched; ///< The dispatch of the current one has ended.
-    int m_iAwaitingCurrent = 0;           ///< Threads that wait for that.
-    pthread_t m_dispatchThread{};         ///< The thread of the loop.
+    std::mutex m_batchLock;     ///< Taken after m_RecursiveLock; guards what follows.
+    std::list<CMsg*> m_batch;   ///< Taken from m_listMsg in one go, in its order.
+    std::list<CMsg*> m_used;    ///< Nodes of the batch that were dispatched.
+    CMsg* m_pCurrent = nullptr; ///< Being dispatched.
+    const CObject* m_pCurrentOrigin = nullptr; ///< Its origin.
+    bool m_bCurrentOwned = false;              ///< It is the dispatcher's.
+    unsigned m_iDispatch = 0;                  ///< Number of the dispatch.
+    std::condition_variable m_dispatched;      ///< The dispatch of the current one has ended.
+    int m_iAwaitingCurrent = 0;                ///< Threads that wait for that.
+    pthread_t m_dispatchThread{};              ///< The thread of the loop.
 };
 } // namespace QuorCore
