@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <exception>
-#include <iostream>
 #include <new>
 #include <utility>
 
@@ -262,7 +262,7 @@ long CSlotCallbackManager::iDispatch(CMsg* pMsg)
     try {
         return m_CallbackMap.iDispatchMessage(pMsg->m_iEventId, pMsg);
     } catch (const std::exception& exception) {
-        std::cerr << exception.what() << std::endl;
+        std::fprintf(stderr, "%s\n", exception.what());
     }
     return 0;
 }

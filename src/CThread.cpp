@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <exception>
-#include <iostream>
 #include <unistd.h>
 
 namespace QuorCore
@@ -266,7 +266,8 @@ long CThread::iRunHooks()
         iExitInstance();
     } catch (const std::exception& exception) {
         DeferAnyCancel(); // the body may have thrown
-        std::cout << exception.what() << std::flush;
+        std::fputs(exception.what(), stdout);
+        std::fflush(stdout);
         QUORCORE_LOG(LOG_ERR, "%s;", exception.what());
         if (!bExited) {
             ExitAfterException();
