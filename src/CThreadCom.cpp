@@ -41,7 +41,9 @@ void CThreadCom::Configure(long iNumPort, long lSizeDataMax, const char* szConne
         m_iNumPort = static_cast<int>(std::min<long>(iNumPort, INT_MAX));
     }
     const long lSize = std::clamp(lSizeDataMax, 0L, kDataBytesMax);
-    if (m_threadId != 0) { // the thread may be receiving into the buffer at this moment
+    // The thread may be receiving into the buffer at this moment, also one whose id is not known:
+    // it deletes its object by itself, or it was stopped and nobody has waited for its end.
+    if (m_threadId != 0 || m_readingThread != 0) {
         if (static_cast<size_t>(lSize + kRxSpareBytes) <= m_sizeRxBuffer) {
             m_lSizeDataMax = lSize;
         }

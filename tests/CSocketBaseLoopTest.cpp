@@ -675,6 +675,27 @@ TEST(ASocketBaseLoop, MayDeleteItsObject)
     const CLogLevel level; // its lock orders the last step of those threads before our own end
 }
 
+// Nobody knows the id of a thread that deletes its object; its buffer must stay all the same.
+TEST(ASocketBaseLoop, KeepsItsBufferWhileItReadsIntoIt)
+{
+    std::thread([] {}).join(); // a sanitizer starts its own with the first
+    const size_t threads = nThreads();
+    CTcpPeer peer;
+    auto* const pEndpoint = new COpenEndpoint<CSocketBase>(iConnectTo(peer));
+    pEndpoint->Configure(0, 100, "");
+    pEndpoint->SetAutoDelete(true);
+    ASSERT_EQ(0, pEndpoint->iCreateThread(true, kStartLimitMs));
+    const uint8_t* const pBuffer = pEndpoint->m_pRxBuffer;
+    pEndpoint->Configure(0, 1000000, "");
+    EXPECT_EQ(pBuffer, pEndpoint->m_pRxBuffer);
+    EXPECT_EQ(100, pEndpoint->m_lSizeDataMax);
+    peer.bSend(FrameBytes(CMD_COMMUN_PING));
+    EXPECT_EQ(CMD_COMMUN_PONG, ReceiveFrame(peer).iCommand);
+    pEndpoint->iStop(true, false);
+    EXPECT_TRUE(bAwait([&] { return nThreads() == threads; }));
+    const CLogLevel level; // its lock orders the last step of that thread before our own end
+}
+
 TEST(ASocketBaseLoop, SurvivesEverythingAtOnce)
 {
     const CLogLevel level;
