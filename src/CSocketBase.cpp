@@ -89,9 +89,7 @@ CSocketBase::CSocketBase(CObject* pParent, const char* pszLabel)
 
 CSocketBase::~CSocketBase()
 {
-    if (bIsRunning()) {
-        CSocketBase::iStop(true, false);
-    }
+    EndThread();
     CSocketBase::Close();
     WithdrawMessages();
 }
@@ -797,6 +795,15 @@ void CSocketBase::PostOnce(uint32_t iEventId)
 {
     if (!bIsPostQueued(iEventId)) {
         iPostMessage(iEventId, 0, 0, nullptr, 0, 0);
+    }
+}
+
+void CSocketBase::EndThread()
+{
+    if (bIsRunning()) {
+        StopAndAwaitEnd();
+    } else {
+        AwaitThreadEnd();
     }
 }
 

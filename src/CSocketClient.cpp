@@ -47,9 +47,7 @@ CSocketClient::CSocketClient(CObject* pParent, const char* pszLabel)
 
 CSocketClient::~CSocketClient()
 {
-    if (bIsRunning()) {
-        CSocketClient::iStop(true, false);
-    }
+    EndThread();
     WithdrawMessages();
 }
 

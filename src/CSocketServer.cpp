@@ -24,9 +24,7 @@ CSocketServer::CSocketServer(CObject* pParent, const char* pszLabel)
 
 CSocketServer::~CSocketServer()
 {
-    if (bIsRunning()) {
-        CSocketServer::iStop(true, false);
-    }
+    EndThread();
     FdGate().Retire(m_iListenSocket);
     WithdrawMessages();
 }

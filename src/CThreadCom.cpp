@@ -27,6 +27,7 @@ CThreadCom::~CThreadCom()
     if (m_threadId != 0) {
         CThread::iStop(true, true); // the last moment at which the buffer still exists
     }
+    AwaitThreadEnd();
     std::free(m_pRxBuffer);
 }
 

@@ -1,6 +1,8 @@
 // The thread of an endpoint: what it answers, what it survives, when it connects.
 #include "libQuorCore/CSocketBase.h"
 
+#include "libQuorCore/CSocketClient.h"
+
 #include "support/CLogLevel.h"
 #include "support/CMessageStore.h"
 #include "support/CSyslogReceiver.h"
@@ -72,6 +74,40 @@ public:
 private:
     std::mutex m_lock;
     std::vector<Clock::time_point> m_attempts;
+};
+
+/// A client as it is, except that the test gives it a socket.
+class CAdoptingClient : public CSocketClient
+{
+public:
+    explicit CAdoptingClient(int iFd) : CSocketClient(nullptr, "client")
+    {
+        m_iSocket = iFd;
+        m_bConnected = true;
+    }
+    ~CAdoptingClient() override { EndThread(); }
+};
+
+/// Handles a frame by writing, after a while.
+class CSlowWriter : public CInvokeCallback
+{
+public:
+    CSlowWriter(CSocketBase& endpoint, std::promise<void>& entered)
+        : m_endpoint(endpoint), m_entered(entered)
+    {
+    }
+
+    void invoke(void*) const override
+    {
+        m_entered.set_value();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the destructor has begun
+        uint8_t cByte = 0;
+        m_endpoint.iWrite(&cByte, 1);
+    }
+
+private:
+    CSocketBase& m_endpoint;
+    std::promise<void>& m_entered;
 };
 
 /// Consumes as much of each frame as the test says.
@@ -694,6 +730,29 @@ TEST(ASocketBaseLoop, KeepsItsBufferWhileItReadsIntoIt)
     pEndpoint->iStop(true, false);
     EXPECT_TRUE(bAwait([&] { return nThreads() == threads; }));
     const CLogLevel level; // its lock orders the last step of that thread before our own end
+}
+
+TEST(ASocketBaseLoop, MayStillBeEndingWhenItsObjectIsDestroyed)
+{
+    std::thread([] {}).join(); // a sanitizer starts its own with the first
+    const size_t descriptors = nOpenDescriptors();
+    const size_t threads = nThreads();
+    for (int i = 0; i < iRounds(200); ++i) {
+        CTcpPeer peer;
+        std::promise<void> entered;
+        CAdoptingClient client(iConnectTo(peer));
+        client.Configure(0, 100, "");
+        client.pAddCallback(3000, new CSlowWriter(client, entered));
+        ASSERT_EQ(0, client.iCreateThread(i % 2 == 0, kStartLimitMs));
+        if (i % 10 == 0) {
+            peer.bSend(FrameBytes(3000));
+            entered.get_future().wait();
+        }
+        client.iStop(false, false);
+    }
+    EXPECT_TRUE(bAwait([&] { return nThreads() == threads; }));
+    EXPECT_EQ(descriptors, nOpenDescriptors());
+    const CLogLevel level; // its lock orders the last step of those threads before our own end
 }
 
 TEST(ASocketBaseLoop, SurvivesEverythingAtOnce)

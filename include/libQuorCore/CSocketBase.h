@@ -39,7 +39,7 @@ class CFdPin;
  * by the last user, never under a lock. Handlers run on the endpoint's thread; OnConnect() and
  * OnDeconnect() on whichever thread made the change.
  * Ownership: owns its descriptor; the callback map owns the handlers given to it. A class derived
- * from the concrete endpoints stops its thread in its own destructor.
+ * from the concrete endpoints calls EndThread() in its own destructor.
  * Errors: by return value; nothing throws. Rests on tcp(7), recv(2) and send(2).
  */
 class QUORCORE_API CSocketBase : public CThreadCom
@@ -270,6 +270,10 @@ protected:
     bool bGiveUpConnecting() const;
 
     CFdGate& FdGate() { return *m_pFdGate; } ///< The keeper of this object's descriptors.
+
+    /// First step of a destructor: StopAndAwaitEnd() without a further EVT_COM_DISCONNECTED for who
+    /// was stopped already.
+    void EndThread();
 
 private:
     template <class Write>

@@ -140,6 +140,9 @@ protected:
     /// however it was stopped before. A thread that does not end is logged every 10 s at level 2.
     void StopAndAwaitEnd();
 
+    /// The second half of it: for an object that was stopped already, maybe without waiting.
+    void AwaitThreadEnd();
+
     /// The object as a thread, or null. Asks a plain field rather than the type information, which
     /// changes while an object is being destroyed: a slot may look at the origin of a message just
     /// then, and ~CThread waits for it.
@@ -173,7 +176,6 @@ private:
     void GiveUpThread(unsigned iThread);
     long lJoinKnown(unsigned iThread, int iMs);
     void ForgetServedStop();
-    void AwaitThreadEnd();
 
     std::shared_ptr<CThreadLife> m_pLife; ///< The thread's too; outlives an auto-delete object.
 };
