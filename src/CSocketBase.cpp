@@ -188,6 +188,9 @@ void CSocketBase::Reconnect(int iWaitSec)
     if (!m_bRun) {
         return;
     }
+    if (m_iSocket == -1) {
+        m_bConnected = false; // left up by a Close() at the very moment of an earlier connection
+    }
     iConnect();
     if (m_bConnected) {
         lSetOption();

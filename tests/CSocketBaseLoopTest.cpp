@@ -755,6 +755,19 @@ TEST(ASocketBaseLoop, MayStillBeEndingWhenItsObjectIsDestroyed)
     const CLogLevel level; // its lock orders the last step of those threads before our own end
 }
 
+TEST(ASocketBaseLoop, DoesNotAnnounceAConnectionThatIsGone)
+{
+    CMessageStore store;
+    CDialler dialler;
+    dialler.m_bConnected = true; // as a Close() at the very moment of connecting leaves it
+    dialler.SetFirstConnectDelay(0);
+    ASSERT_EQ(0, dialler.iCreateThread(true, kStartLimitMs));
+    ASSERT_TRUE(dialler.bAwaitAttempts(1));
+    dialler.iStop(true, false);
+    EXPECT_EQ(0, dialler.m_iOptionCalls);
+    EXPECT_EQ(0u, store.Count(&dialler, EVT_COM_CONNECTED));
+}
+
 TEST(ASocketBaseLoop, SurvivesEverythingAtOnce)
 {
     const CLogLevel level;
