@@ -26,6 +26,7 @@ constexpr int kReconnectWaitSec = 5;    // between two attempts to connect
 constexpr int kReadFailureWaitSec = 15; // lets a confused peer come to rest before that
 constexpr int kPeerSilenceSec = 40;     // from the last frame on, then the connection is dead
 constexpr int kSendTimeoutSec = 10;     // to a peer that reads nothing
+constexpr int kPingLockWaitMs = 1000;   // for the write of another thread
 constexpr int kRetryPauseMs = 10;
 constexpr int kEmptyReadsMax = 10;       // in a row, until a read gives up on its count
 constexpr size_t kAnswerBytesMax = 2048; // data of an answer that is read as an object
@@ -113,7 +114,13 @@ int CSocketBase::iMonitoring()
 {
     int iResult = CThreadCom::iMonitoring();
     if (iResult == 0) {
-        if (iWrite(CMD_COMMUN_PING, nullptr, 0, 0, 0, 0, 0) < 1) {
+        // A write may hold the lock for as long as the peer takes a few bytes now and then. The
+        // supervision does not wait for that but goes on to the deadline, and Close() ends the
+        // write.
+        const auto writePing = [this](int) {
+            return iWrite(CMD_COMMUN_PING, nullptr, 0, 0, 0, 0, 0);
+        };
+        if (lInWriteTurn(writePing, kPingLockWaitMs) < 1) {
             iResult = -1;
         }
         bCheckPing();
@@ -242,20 +249,22 @@ long CSocketBase::iExitInstance()
     return 0;
 }
 
-// Runs a write with m_RecursiveLock held; the function gets the descriptor, or -1. What a failed
-// send asks for, a log line, Close() and its OnDeconnect(), waits until the outermost write of this
-// thread has released the lock.
+// Runs a write with m_RecursiveLock held, for which it waits lLockWaitMs at most, negative for
+// ever. The function gets the descriptor, or -1. What a failed send asks for, a log line, Close()
+// and its OnDeconnect(), waits until the outermost write of this thread has released the lock.
 template <class Write>
-long CSocketBase::lInWriteTurn(Write write)
+long CSocketBase::lInWriteTurn(Write write, long lLockWaitMs)
 {
     CFdPin socket(*m_pFdGate); // outlives the lock: a descriptor is not closed, for 5 s, under it
     long lResult = 1;
     int iError = 0;
     {
-        const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
-        if (!held) {
+        const int iLock =
+            lLockWaitMs < 0 ? m_RecursiveLock.iLock() : m_RecursiveLock.iTryLock(lLockWaitMs);
+        if (iLock != 0) {
             return lResult;
         }
+        const CHeldLock<CRecursiveLock> held(m_RecursiveLock, {});
         const bool bOutermost = m_iWriteDepth == 0;
         const CCounted depth(m_iWriteDepth);
         if (bOutermost) {

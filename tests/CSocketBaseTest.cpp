@@ -784,6 +784,22 @@ TEST_F(ASocketBase, IsClosedByMonitoringThoughItsPingWasSent)
     m_Endpoint.m_bRun = false;
 }
 
+// A peer that takes a few bytes now and then keeps a writer, and with it the lock, busy for ever.
+TEST_F(ASocketBase, IsClosedByMonitoringThoughAWriteHoldsItsLock)
+{
+    m_Endpoint.m_bRun = true;
+    m_Endpoint.m_iNextPing = time(nullptr) - 1;
+    m_Endpoint.iLock();
+    auto monitoring = std::async(std::launch::async, [this] { return m_Endpoint.iMonitoring(); });
+    EXPECT_EQ(std::future_status::ready,
+              monitoring.wait_for(std::chrono::milliseconds(kAwaitLimitMs)));
+    EXPECT_FALSE(m_Endpoint.bGetConnected());
+    m_Endpoint.UnLock();
+    EXPECT_EQ(0, monitoring.get()); // as a writer that finds no lock: not a failure
+    EXPECT_TRUE(m_Peer.bReceiveEof());
+    m_Endpoint.m_bRun = false;
+}
+
 TEST_F(ASocketBase, ReportsAPingThatCouldNotBeSent)
 {
     m_Endpoint.m_bRun = true;

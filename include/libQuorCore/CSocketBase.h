@@ -67,7 +67,8 @@ public:
     /**
      * @brief Pings the peer and looks whether the connection is still alive.
      *
-     * A send to a peer that reads nothing may take 10 s. A failure is logged at level 4.
+     * A send to a peer that reads nothing may take 10 s; no ping is sent when the write of another
+     * thread goes on for more than a second. A failure is logged at level 4.
      *
      * @return 0; -1 when the thread does not run, is not connected, or the ping was not sent. A
      *         connection that this very call closed for its silence does not change the result.
@@ -277,7 +278,7 @@ protected:
 
 private:
     template <class Write>
-    long lInWriteTurn(Write write);
+    long lInWriteTurn(Write write, long lLockWaitMs = -1);
     long lSendAll(int iFd, const uint8_t* pFrame, long lSizeTotal);
     void Stamp(socketFrameHdr_t& header);
     void Abandon();
