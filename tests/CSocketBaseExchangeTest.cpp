@@ -12,6 +12,7 @@
 
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <future>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -19,6 +20,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace QuorCore;
@@ -384,6 +386,32 @@ TEST_F(ASocketExchange, ServesSeveralThreadsInTurn)
         caller.join();
     }
     EXPECT_EQ(kThreads * kExchanges, iRight);
+}
+
+TEST_F(ASocketExchange, IsNotDisturbedByChildrenThatEnd)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGCHLD, &action, nullptr)); // without SA_RESTART
+    std::atomic<bool> bGo{true};
+    auto storm = std::async(std::launch::async, [&] {
+        while (bGo) {
+            kill(getpid(), SIGCHLD); // whichever thread takes it
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    auto peer = std::async(std::launch::async, [&] {
+        for (int i = 0; i < iRounds(400); ++i) {
+            m_Peer.bSend(FrameBytes(kAnswer, ReceiveFrame(m_Peer).szData));
+        }
+    });
+    int iRight = 0;
+    for (int i = 0; i < iRounds(400); ++i) {
+        iRight += Exchange().get() == 0 && szAnswer() == "request" ? 1 : 0;
+    }
+    EXPECT_EQ(iRounds(400), iRight);
+    EXPECT_TRUE(m_Endpoint.bGetConnected());
+    bGo = false;
 }
 
 TEST_F(ASocketExchange, ExchangesObjects)

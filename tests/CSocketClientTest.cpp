@@ -10,6 +10,7 @@
 #include "support/CMessageStore.h"
 #include "support/CSyslogReceiver.h"
 #include "support/CTcpPeer.h"
+#include "support/CTempDirectory.h"
 #include "support/CTestEndpoint.h"
 #include "support/CUntakeableLock.h"
 #include "support/Frames.h"
@@ -22,11 +23,14 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sched.h>
 #include <string>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 using namespace QuorCore;
 using namespace TestSupport;
@@ -310,6 +314,63 @@ TEST_F(ASocketClient, StartsAndEndsAtAnyMoment)
     EXPECT_EQ(before, nOpenDescriptors());
 }
 
+// Every thread that an application may have, on a link that is lost and made anew all the time.
+TEST_F(ASocketClient, ServesManyThreadsWhileItsLinkComesAndGoes)
+{
+    const size_t descriptors = nOpenDescriptors();
+    for (int iRound = 0; iRound < 2; ++iRound) {
+        COpenClient client;
+        client.Configure(m_Peer.iPort(), 1000, "127.0.0.1");
+        client.SetFirstConnectDelay(0);
+        ASSERT_EQ(0, client.iCreateThread(true, kStartLimitMs));
+        std::atomic<bool> bGo{true};
+        std::atomic<int> iConnections{0};
+        std::atomic<int> iAnswered{0}; // of the exchanges since the latest connection
+        std::vector<std::thread> threads;
+        threads.emplace_back([&] { // the peer sends back what it gets, then resets
+            while (bGo) {
+                if (m_Peer.bAccept(20)) {
+                    iAnswered = 0;
+                    while (bGo && iAnswered < 100 && !m_Peer.bReceiveEof(0) &&
+                           m_Peer.bSend(m_Peer.szReceive(20, 100))) {
+                    }
+                    ++iConnections;
+                    m_Peer.Reset();
+                }
+            }
+        });
+        for (uint16_t iCommand = 3001; iCommand < 3004; ++iCommand) {
+            threads.emplace_back([&, iCommand] {
+                uint8_t aAnswer[8];
+                long lUsed = 0;
+                while (bGo) {
+                    const long lResult = client.iExchangeCmd(
+                        iCommand, nullptr, 0, iCommand, aAnswer, 8, &lUsed, 1000, iCommand == 3003);
+                    iAnswered += lResult == 0 ? 1 : 0;
+                }
+            });
+        }
+        threads.emplace_back([&] {
+            while (bGo) {
+                client.iMonitoring();
+                client.StopDynWait(); // comes back after one second
+                std::this_thread::yield();
+            }
+        });
+        EXPECT_TRUE(bAwait([&] { return iConnections >= 3; }, 60000));
+        auto stop = std::async(std::launch::async, [&] { client.iStop(true, false); });
+        client.iStop(true, false);
+        stop.get();
+        bGo = false;
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(-1, client.m_iSocket);
+    }
+    m_Peer.Close();
+    EXPECT_EQ(descriptors, nOpenDescriptors());
+}
+
 // A listener whose queue is full leaves every further attempt without an answer.
 TEST(ASocketClientThatNobodyAnswers, IsStoppedAllTheSame)
 {
@@ -357,5 +418,53 @@ TEST(ASocketClientInItsOwnNetwork, IsNotConnectedToItself)
     if (result.iExitCode == 2 || result.iExitCode == 3) {
         GTEST_SKIP() << "no network namespace to be had: " << result.szErrors;
     }
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+}
+
+// A name server that hears every question and answers none: the look-up takes half a minute.
+TEST(ASocketClientInItsOwnNetwork, IsStoppedWhileItsNameIsLookedUp)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "a thread may not be cancelled in getaddrinfo(3) there";
+#endif
+    const CTempDirectory directory;
+    const std::string szResolver = directory.szPath() + "/resolv.conf";
+    std::ofstream(szResolver) << "nameserver 127.0.0.1\n";
+    const auto stop = [&szResolver] {
+        if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(szResolver.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0 ||
+            RunProgram({"ip", "link", "set", "lo", "up"}).iExitCode != 0) {
+            return 2;
+        }
+        const CUniqueFd server(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(53);
+        if (bind(server.iGet(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+            return 3;
+        }
+        { // the look-up is cancelled after ten seconds
+            COpenClient client;
+            client.Configure(4242, 100, "nobody.example");
+            client.SetFirstConnectDelay(0);
+            pollfd asked = {server.iGet(), POLLIN, 0};
+            if (client.iCreateThread(true, kStartLimitMs) != 0 ||
+                poll(&asked, 1, kAwaitLimitMs) != 1) {
+                return 4;
+            }
+            client.iStop(true, false);
+        }
+        COpenClient next; // the look-up that was cancelled keeps nothing from working
+        next.Configure(iFreePort(), 100, "127.0.0.1");
+        return next.iConnect() == -1 ? 0 : 5;
+    };
+    const ChildResult result = RunInChild(stop, 60000);
+    if (result.iExitCode == 2 || result.iExitCode == 3) {
+        GTEST_SKIP() << "no network of its own to be had: " << result.szErrors;
+    }
+    EXPECT_FALSE(result.bTimedOut);
+    EXPECT_EQ(0, result.iSignal);
     EXPECT_EQ(0, result.iExitCode) << result.szErrors;
 }
