@@ -39,7 +39,7 @@ TEST_F(APrivateProcessSpace, KeepsSignalsToAllFromTheMachine)
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root";
     }
-    EXPECT_EQ(2, getpid()); // after the first process, which waits for this one
+    EXPECT_EQ(1, getppid()); // the first process, which waits for this one
     CChild child([] {
         pause();
         return 0;
