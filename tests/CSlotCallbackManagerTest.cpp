@@ -39,6 +39,7 @@ class COpenDispatcher : public CSlotCallbackManager
 {
 public:
     COpenDispatcher() : CSlotCallbackManager(nullptr, "dispatcher") {}
+    ~COpenDispatcher() override { StopAndAwaitEnd(); } // its own virtual functions go first
     size_t nQueued()
     {
         iLock();
