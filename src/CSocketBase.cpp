@@ -2,6 +2,7 @@
 
 #include "internal/CFdGate.h"
 #include "internal/CHeldLock.h"
+#include "internal/Sigpipe.h"
 #include "internal/SocketErrorText.h"
 
 #include "libQuorCore/CSerialize.h"
@@ -84,6 +85,7 @@ CSocketBase::CSocketBase(CObject* pParent, const char* pszLabel)
     : CThreadCom(pParent, pszLabel), m_iNextPing(time(nullptr)),
       m_pFdGate(std::make_unique<CFdGate>()), m_iFirstConnectDelaySec(kReconnectWaitSec)
 {
+    EnsureSigpipeHandled();
 }
 
 CSocketBase::~CSocketBase()
@@ -310,10 +312,8 @@ long CSocketBase::lSendAll(int iFd, const uint8_t* pFrame, long lSizeTotal)
     long lSent = 0;
     while (lSent < lSizeTotal && iFd != -1 && m_iSocket == iFd && m_bConnected) {
         errno = 0;
-        const size_t size = static_cast<size_t>(lSizeTotal - lSent);
-        // The one flag keeps the process alive when the peer has gone, whatever it does about
-        // SIGPIPE: that is EPIPE then, and a failure as any other.
-        const ssize_t lChunk = send(iFd, pFrame + lSent, size, MSG_NOSIGNAL);
+        const ssize_t lChunk =
+            send(iFd, pFrame + lSent, static_cast<size_t>(lSizeTotal - lSent), 0);
         if (lChunk > 0) {
             lSent += lChunk;
             lResult = lChunk;

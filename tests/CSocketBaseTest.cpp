@@ -866,21 +866,6 @@ TEST(ABrokenPipe, DoesNotEndAProcessWithAnEndpoint)
     EXPECT_EQ(0, result.iExitCode);
 }
 
-TEST(ABrokenPipe, DoesNotEndAProcessThatWantsTheSignalOtherwise)
-{
-    const ChildResult result = RunInChild([] {
-        CTcpPeer peer;
-        COpenEndpoint<CSocketBase> endpoint(iConnectTo(peer));
-        std::signal(SIGPIPE, SIG_DFL); // for its pipes, and after the endpoint was made
-        shutdown(endpoint.m_iSocket, SHUT_WR);
-        std::string szByte = "x";
-        endpoint.iWrite(pBytes(szByte), 1);
-        return endpoint.bGetConnected() ? 1 : 0;
-    });
-    EXPECT_EQ(0, result.iSignal);
-    EXPECT_EQ(0, result.iExitCode);
-}
-
 TEST(ABrokenPipe, KeepsTheDispositionThatTheProgramHasChosen)
 {
     const ChildResult result = RunInChild([] {

@@ -31,8 +31,8 @@ class CFdPin;
  * The connection counts as dead when nothing was received for 40 s. iMonitoring(), which somebody
  * has to call well within that time, sends a ping each time and closes a dead connection.
  *
- * A peer that goes away while it is written to raises no SIGPIPE; what the process does about that
- * signal is its own business.
+ * A process that has an endpoint survives SIGPIPE: unless the program chose something itself, the
+ * first constructor gives the signal a handler that does nothing.
  *
  * Threads: any may write, exchange, close and stop. Frames of several threads never mix. A stop or
  * Close() ends whatever another thread is doing on the connection; the descriptor itself is closed
