@@ -6,15 +6,12 @@
 #include "internal/SocketErrorText.h"
 
 #include "libQuorCore/CSerialize.h"
-#include "libQuorCore/CSocketCallback.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/time.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
@@ -25,31 +22,14 @@ namespace
 constexpr int kReconnectWaitSec = 5;    // between two attempts to connect
 constexpr int kReadFailureWaitSec = 15; // lets a confused peer come to rest before that
 constexpr int kPeerSilenceSec = 40;     // from the last frame on, then the connection is dead
-constexpr int kSendTimeoutSec = 10;     // to a peer that reads nothing
 constexpr int kPingLockWaitMs = 1000;   // for the write of another thread
 constexpr int kRetryPauseMs = 10;
 constexpr int kEmptyReadsMax = 10;       // in a row, until a read gives up on its count
 constexpr size_t kAnswerBytesMax = 2048; // data of an answer that is read as an object
-constexpr size_t kPageBytesMax = 65515;  // from there on GetFrameSize() wraps, at the peer too
 
 uint8_t* pBytes(socketFrameHdr_t* pHeader)
 {
     return reinterpret_cast<uint8_t*>(pHeader);
-}
-
-template <class Value>
-int iSetSocketOption(int iFd, int iLevel, int iOption, const Value& value)
-{
-    return setsockopt(iFd, iLevel, iOption, &value, sizeof(value));
-}
-
-void LogIntOption(int iFd, int iLevel, int iOption, const char* pszLabel)
-{
-    int iValue = 0;
-    socklen_t length = sizeof(iValue);
-    if (getsockopt(iFd, iLevel, iOption, &iValue, &length) == 0) {
-        QUORCORE_LOG(LOG_INFO, "%s = %d", pszLabel, iValue);
-    }
 }
 
 /// Counts one up for a scope.
@@ -205,42 +185,6 @@ void CSocketBase::Reconnect(int iWaitSec)
         ResetPing();
         OnConnect();
     }
-}
-
-// What a connection needs beyond lSetOption(), which subclasses may replace.
-void CSocketBase::SetConnectionExtras()
-{
-    const CFdPin socket(*m_pFdGate, m_iSocket);
-    // A header and its data are two writes: held back until the first is acknowledged, the second
-    // would wait 40 ms for the peer's delayed acknowledgement.
-    iSetSocketOption(socket.iGet(), IPPROTO_TCP, TCP_NODELAY, 1);
-    // A peer that stops reading must not hold a writer, and with it the supervision, for ever.
-    timeval timeout = {};
-    timeout.tv_sec = kSendTimeoutSec;
-    iSetSocketOption(socket.iGet(), SOL_SOCKET, SO_SNDTIMEO, timeout);
-}
-
-long CSocketBase::iInitInstance()
-{
-    struct Builtin {
-        eITFCmdCommun command;
-        CSocketCallback<CSocketBase>::Callback handler;
-    };
-    constexpr Builtin kBuiltins[] = {
-        {CMD_COMMUN_PING, &CSocketBase::OnCmdCommunPing},
-        {CMD_COMMUN_PONG, &CSocketBase::OnCmdCommunPong},
-        {CMD_COMMUN_VERSION, &CSocketBase::OnCmdCommunVersion},
-        {CMD_COMMUN_PID, &CSocketBase::OnCmdCommunPID},
-        {CMD_COMMUN_NAME, &CSocketBase::OnCmdCommunName},
-        {CMD_COMMUN_GET_LOG_CONFIG, &CSocketBase::OnCmdCommunGetLogConfig},
-        {CMD_COMMUN_SET_LOG_CONFIG, &CSocketBase::OnCmdCommunSetLogConfig},
-    };
-    if (CThreadCom::iInitInstance() == 0) {
-        for (const Builtin& builtin : kBuiltins) {
-            pAddCallback(builtin.command, new CSocketCallback<CSocketBase>(this, builtin.handler));
-        }
-    }
-    return 0;
 }
 
 long CSocketBase::iExitInstance()
@@ -554,24 +498,6 @@ long CSocketBase::iExchangeCmd(uint16_t command, CObject* pObject, uint16_t comm
     return lResult;
 }
 
-long CSocketBase::lSetOption()
-{
-    const CFdPin socket(*m_pFdGate, m_iSocket);
-    const int iFd = socket.iGet();
-    linger lingering = {};
-    lingering.l_onoff = 1;
-    lingering.l_linger = 5; // seconds
-    long lResult = iSetSocketOption(iFd, SOL_SOCKET, SO_KEEPALIVE, 1);
-    lResult |= iSetSocketOption(iFd, SOL_SOCKET, SO_RCVBUF, 8192);
-    lResult |= iSetSocketOption(iFd, SOL_SOCKET, SO_SNDBUF, 8192);
-    lResult |= iSetSocketOption(iFd, SOL_SOCKET, SO_LINGER, lingering);
-    lResult |= iSetSocketOption(iFd, SOL_SOCKET, SO_REUSEADDR, 1);
-    lResult |= iSetSocketOption(iFd, IPPROTO_TCP, TCP_KEEPIDLE, 20);  // seconds
-    lResult |= iSetSocketOption(iFd, IPPROTO_TCP, TCP_KEEPINTVL, 10); // seconds
-    lResult |= iSetSocketOption(iFd, IPPROTO_TCP, TCP_KEEPCNT, 3);
-    return lResult;
-}
-
 long CSocketBase::iWrite(socketFrame_t* pFrame)
 {
     if (pFrame == nullptr) {
@@ -629,28 +555,6 @@ long CSocketBase::lRead(socketFrame_t* pFrame, long lSizeToRead, long* plNbrRcv)
     return lData;
 }
 
-long CSocketBase::iLogOption()
-{
-    const CFdPin socket(*m_pFdGate, m_iSocket);
-    const int iFd = socket.iGet();
-    LogIntOption(iFd, SOL_SOCKET, SO_KEEPALIVE, "SOL_SOCKET,SO_KEEPALIVE");
-    LogIntOption(iFd, SOL_SOCKET, SO_RCVBUF, "SOL_SOCKET,SO_RCVBUF");
-    LogIntOption(iFd, SOL_SOCKET, SO_SNDBUF, "SOL_SOCKET,SO_SNDBUF");
-    linger lingering = {};
-    socklen_t length = sizeof(lingering);
-    if (getsockopt(iFd, SOL_SOCKET, SO_LINGER, &lingering, &length) == 0) {
-        QUORCORE_LOG(LOG_INFO, "SOL_SOCKET,SO_LINGER onoff = %d; linger = %d", lingering.l_onoff,
-                     lingering.l_linger);
-    }
-    // The numbers are those of SOL_SOCKET and name other options of TCP, and the first label is
-    // clipped. Both are kept: the lines are compared with those of devices in the field. Held by
-    // ASocketBase.LogsTheOptionsOfTheConnection.
-    LogIntOption(iFd, IPPROTO_TCP, 9, "PPROTO_TCP,SO_KEEPALIVE");
-    LogIntOption(iFd, IPPROTO_TCP, 8, "IPPROTO_TCP,SO_RCVBUF");
-    LogIntOption(iFd, IPPROTO_TCP, 7, "IPPROTO_TCP,SO_SNDBUF");
-    return 0;
-}
-
 long CSocketBase::iExchangeCmd(uint16_t command, uint8_t* pPayload, long size,
                                uint16_t commandToWait, uint8_t* pPayloadRet, long sizeMax,
                                long* plUsed, long iTimeOut, bool bCloseOnTimeout)
@@ -691,123 +595,14 @@ void CSocketBase::ResetPing()
 
 bool CSocketBase::bCheckPing()
 {
+    const bool bConnected = bGetConnected(); // first: a new connection brings a new deadline
     const time_t deadline = m_iNextPing;
-    if (!bGetConnected() || deadline <= 0 || difftime(deadline, time(nullptr)) >= 0) {
+    if (!bConnected || deadline <= 0 || difftime(deadline, time(nullptr)) >= 0) {
         return true;
     }
     Close();
     QUORCORE_LOG(LOG_ERR, "PING not received close connection");
     return false;
-}
-
-void CSocketBase::OnCmdCommunPing(socketFrame_t* pFrame)
-{
-    if (pFrame == nullptr) {
-        return;
-    }
-    ResetPing();
-    pFrame->command = CMD_COMMUN_PONG;
-    pFrame->error = 0;
-    iWrite(pFrame);
-    PostOnce(EVT_COM_PING);
-}
-
-void CSocketBase::OnCmdCommunPong(socketFrame_t* pFrame)
-{
-    if (pFrame == nullptr) {
-        return;
-    }
-    pFrame->error = 0;
-    ResetPing();
-    PostOnce(EVT_COM_PONG);
-}
-
-// The three below: a request carries no data, so a frame that does is an answer whose exchange has
-// given up. Answered as a request, it would go back and forth between two endpoints for ever.
-void CSocketBase::OnCmdCommunVersion(socketFrame_t* pFrame)
-{
-    if (pFrame == nullptr || pFrame->GetDataSize() != 0) {
-        return;
-    }
-    versionFW_t version = {}; // what follows the name's end stays in this process
-    version.version = g_versionFW.version;
-    std::memcpy(version.szAppName, g_versionFW.szAppName,
-                strnlen(g_versionFW.szAppName, sizeof(version.szAppName)));
-    Answer(pFrame, &version, sizeof(version));
-}
-
-void CSocketBase::OnCmdCommunPID(socketFrame_t* pFrame)
-{
-    if (pFrame == nullptr || pFrame->GetDataSize() != 0) {
-        return;
-    }
-    int32_t iPid = getpid(); // four bytes on every machine
-    Answer(pFrame, &iPid, sizeof(iPid));
-}
-
-void CSocketBase::OnCmdCommunName(socketFrame_t* pFrame)
-{
-    if (pFrame == nullptr || pFrame->GetDataSize() != 0) {
-        return;
-    }
-    std::string szName(g_versionFW.szAppName,
-                       strnlen(g_versionFW.szAppName, sizeof(g_versionFW.szAppName)));
-    Answer(pFrame, szName.data(), szName.size() + 1);
-}
-
-void CSocketBase::OnCmdCommunGetLogConfig(socketFrame_t* pFrame)
-{
-    if (pFrame == nullptr) {
-        return;
-    }
-    const std::string szAction(reinterpret_cast<char*>(pFrame->pGetData()), pFrame->GetDataSize());
-    std::string szPage;
-    m_Logger.iGetLogConfigHtml(szPage, szAction.c_str()); // the peer's bytes end where they end
-    // An action that begins as the page does is a page whose exchange has given up: see above.
-    constexpr size_t kTelltaleBytes = 15;
-    if (szPage.size() > kTelltaleBytes &&
-        szAction.compare(0, kTelltaleBytes, szPage, 0, kTelltaleBytes) == 0) {
-        return;
-    }
-    szPage.resize(std::min(szPage.size(), kPageBytesMax - 1));
-    Answer(pFrame, szPage.data(), szPage.size() + 1);
-}
-
-void CSocketBase::OnCmdCommunSetLogConfig(socketFrame_t* pFrame)
-{
-    constexpr uint16_t kPairBytes = 2;
-    if (pFrame == nullptr || pFrame->GetDataSize() < kPairBytes) {
-        return; // without a pair it is an answer, see above: these are empty
-    }
-    m_Logger.SetLogLevel(pFrame->pGetData(), pFrame->GetDataSize());
-    PostOnce(EVT_CONFIG_SAVE);
-    pFrame->SetData(nullptr, 0);
-    pFrame->error = 0;
-    iWrite(pFrame);
-}
-
-// Sends a frame back with other data; in a buffer of its own unless it surely fits where it is.
-void CSocketBase::Answer(socketFrame_t* pFrame, void* pData, size_t size)
-{
-    std::vector<uint8_t> separate;
-    const bool bFits = pBytes(pFrame) == m_pRxBuffer && kFrameHeaderSize + size <= sizeRxBuffer();
-    if (!bFits) {
-        separate.resize(kFrameHeaderSize + size);
-        std::memcpy(separate.data(), pFrame, kFrameHeaderSize);
-        pFrame = reinterpret_cast<socketFrame_t*>(separate.data());
-    }
-    pFrame->SetData(static_cast<uint8_t*>(pData), static_cast<int>(size));
-    pFrame->error = 0;
-    iWrite(pFrame);
-}
-
-// A peer sets the pace of these: one that waits says as much as a thousand, which would fill the
-// memory while the dispatcher is busy.
-void CSocketBase::PostOnce(uint32_t iEventId)
-{
-    if (!bIsPostQueued(iEventId)) {
-        iPostMessage(iEventId, 0, 0, nullptr, 0, 0);
-    }
 }
 
 void CSocketBase::EndThread()

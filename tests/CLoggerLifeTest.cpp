@@ -4,6 +4,7 @@
 
 #include "support/CChild.h"
 #include "support/CSyslogReceiver.h"
+#include "support/Sanitized.h"
 
 #include <atomic>
 #include <cerrno>
@@ -358,8 +359,8 @@ private:
 
 TEST_F(ALogger, SurvivesTheCancellationOfTheLibrarysThreads)
 {
-    if (!bCancelsAtAnyInstruction) {
-        GTEST_SKIP() << "not under the thread sanitizer";
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
     }
     const ChildResult result = RunInChild(
         [] {
