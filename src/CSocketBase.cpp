@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #include <vector>
 
@@ -31,6 +32,49 @@ uint8_t* pBytes(socketFrameHdr_t* pHeader)
 {
     return reinterpret_cast<uint8_t*>(pHeader);
 }
+
+/// A held header and a write's bytes, on their way out.
+class CSendParts
+{
+public:
+    CSendParts(uint8_t* pHeader, size_t nHeader, const uint8_t* pBytes, size_t nBytes)
+        : m_aParts{iovec{pHeader, nHeader}, iovec{const_cast<uint8_t*>(pBytes), nBytes}}
+    {
+    }
+
+    bool bLeft() const { return m_aParts[0].iov_len + m_aParts[1].iov_len > 0; }
+
+    bool bHeaderLeft() const { return m_aParts[0].iov_len > 0; }
+
+    /// send(2) without flags, of both parts at once while there are two.
+    ssize_t lSend(int iFd)
+    {
+        if (m_aParts[0].iov_len == 0) {
+            return send(iFd, m_aParts[1].iov_base, m_aParts[1].iov_len, 0);
+        }
+        msghdr message = {};
+        message.msg_iov = m_aParts.data();
+        message.msg_iovlen = m_aParts.size();
+        return sendmsg(iFd, &message, 0);
+    }
+
+    /// Takes what was sent off. @return How much of it was the write's own, at least 1.
+    long lAdvance(size_t nSent)
+    {
+        long lOwn = 0;
+        for (iovec& part : m_aParts) {
+            const size_t nTaken = std::min(nSent, part.iov_len);
+            part.iov_base = static_cast<uint8_t*>(part.iov_base) + nTaken;
+            part.iov_len -= nTaken;
+            nSent -= nTaken;
+            lOwn = static_cast<long>(nTaken);
+        }
+        return std::max(lOwn, 1L);
+    }
+
+private:
+    std::array<iovec, 2> m_aParts;
+};
 
 /// Counts one up for a scope.
 template <class Count>
@@ -252,15 +296,25 @@ long CSocketBase::iWrite(uint8_t* pFrame, long lSizeTotal)
 
 long CSocketBase::lSendAll(int iFd, const uint8_t* pFrame, long lSizeTotal)
 {
+    const auto maySend = [&] { return iFd != -1 && m_iSocket == iFd && m_bConnected; };
+    // Counts writes, not frames: a frame sent as header, then data, moves it by two. Intended:
+    // peers expect no consecutive values. Held by ASocketBase.CountsWritesNotFrames.
+    m_iMsgCounter = static_cast<uint16_t>(m_iMsgCounter + 1);
+    if (m_bHoldHeader && lSizeTotal == static_cast<long>(m_aHeldHeader.size()) && maySend()) {
+        std::memcpy(m_aHeldHeader.data(), pFrame, m_aHeldHeader.size());
+        m_bHoldHeader = false;
+        m_bHeaderHeld = true;
+        return lSizeTotal;
+    }
     long lResult = 1;
-    long lSent = 0;
-    while (lSent < lSizeTotal && iFd != -1 && m_iSocket == iFd && m_bConnected) {
+    CSendParts parts(m_aHeldHeader.data(), m_bHeaderHeld ? m_aHeldHeader.size() : 0, pFrame,
+                     static_cast<size_t>(lSizeTotal));
+    m_bHeaderHeld = false;
+    while (parts.bLeft() && maySend()) {
         errno = 0;
-        const ssize_t lChunk =
-            send(iFd, pFrame + lSent, static_cast<size_t>(lSizeTotal - lSent), 0);
+        const ssize_t lChunk = parts.lSend(iFd);
         if (lChunk > 0) {
-            lSent += lChunk;
-            lResult = lChunk;
+            lResult = parts.lAdvance(static_cast<size_t>(lChunk));
         } else if (errno == EINTR || errno == EINPROGRESS) {
             lResult = 1;
             Sleep(kRetryPauseMs);
@@ -269,9 +323,7 @@ long CSocketBase::lSendAll(int iFd, const uint8_t* pFrame, long lSizeTotal)
             Abandon();
         }
     }
-    // Counts writes, not frames: a frame sent as header, then data, moves it by two. Intended:
-    // peers expect no consecutive values. Held by ASocketBase.CountsWritesNotFrames.
-    m_iMsgCounter = static_cast<uint16_t>(m_iMsgCounter + 1);
+    m_bHeaderLost = parts.bHeaderLeft();
     return m_iSocket == -1 ? -1 : lResult;
 }
 
@@ -447,11 +499,16 @@ long CSocketBase::iWrite(uint16_t command, uint8_t* pPayload, long size, uint16_
             header.user2 = static_cast<int16_t>(user2);
             // The sum of both results, whatever they are: callers only ask for its sign, and a
             // failure of one part has closed the connection for the other.
+            const bool bData = pPayload != nullptr && size > 0;
+            m_bHoldHeader = bData; // goes out with its data: one segment, one wake-up of the peer
             long lSum = iWrite(pBytes(&header), static_cast<long>(kFrameHeaderSize));
-            if (pPayload != nullptr && size > 0) {
+            m_bHoldHeader = false;
+            m_bHeaderLost = false;
+            if (bData) {
                 lSum += iWrite(pPayload, size);
             }
-            return lSum;
+            m_bHeaderHeld = false;
+            return m_bHeaderLost ? -2 : lSum; // neither of them has gone out
         });
     }
     if (lResult < 0) {

@@ -6,6 +6,7 @@
 #include "libQuorCore/Export.h"
 #include "libQuorCore/socketFrame.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <ctime>
@@ -301,6 +302,10 @@ private:
     int m_iWriteDepth = 0;         ///< Guarded by m_RecursiveLock.
     int m_iTurnFd = -1;            ///< Of the write under way. Guarded by m_RecursiveLock.
     int m_iSendError = 0;          ///< Guarded by m_RecursiveLock.
+    bool m_bHoldHeader = false;    ///< The next write is a header whose data follows. Same guard.
+    bool m_bHeaderHeld = false;    ///< m_aHeldHeader goes out with the next write. Same guard.
+    bool m_bHeaderLost = false;    ///< It did not go out. Same guard.
+    std::array<uint8_t, kFrameHeaderSize> m_aHeldHeader{}; ///< Same guard.
     std::atomic<pthread_t> m_exchangingThread{0}; ///< The one that holds m_LockExchange, or 0.
     int m_iExchangeSendError = 0;                 ///< That thread's.
 };
