@@ -5,8 +5,8 @@
 #include "libQuorCore/CThread.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <exception>
-#include <iostream>
 #include <utility>
 
 namespace QuorCore
@@ -76,7 +76,7 @@ void CCallbackMap::RemoveEvent(uint32_t iEventId)
         const auto range = m_mmapCallback.equal_range(iEventId);
         Retire(range.first, range.second);
     } catch (const std::exception& exception) {
-        std::cout << exception.what();
+        std::fputs(exception.what(), stdout);
         QUORCORE_LOG(LOG_ERR, "%s;", exception.what());
     }
 }
