@@ -51,6 +51,14 @@ function(quorcore_add_benches folder)
         quorcore_add_program(${name} ${file})
         target_link_libraries(${name} PRIVATE benchsupport)
     endforeach()
+    # By hand, without the library: what a whole daemon is measured against.
+    add_executable(raw_daemon ${dir}/programs/raw_daemon.cpp)
+    target_link_libraries(raw_daemon PRIVATE Threads::Threads)
+    quorcore_compile_strictly(raw_daemon)
+    target_compile_definitions(
+        HelloDaemonBench PRIVATE HELLO_DAEMON="$<TARGET_FILE:hello_daemon>"
+                                 RAW_DAEMON="$<TARGET_FILE:raw_daemon>")
+    add_dependencies(HelloDaemonBench hello_daemon raw_daemon)
 endfunction()
 
 # FOLDER/INPUTFuzz.cpp becomes the fuzz target INPUTFuzz; it starts best from FOLDER/INPUTSeeds:
