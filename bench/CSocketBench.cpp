@@ -28,8 +28,8 @@ namespace
 {
 constexpr uint16_t kCommand = 1000;
 constexpr long kDataMax = 4096;
-constexpr int kRounds = 500;  // round trips whose percentiles are one measurement
-constexpr int kFrames = 1000; // frames one way of one measurement
+constexpr int kRounds = 500; // round trips whose percentiles are one measurement
+constexpr int kFrames = 100; // frames one way of one measurement
 
 int iChecked(int iResult, const char* szCall)
 {
@@ -415,8 +415,7 @@ const bool kRegistered =
     Bench::bCompare({"exchange of 0 bytes", Exchange<0>, RawExchange<0>, kRoundTrip}) &&
     Bench::bCompare({"exchange of 64 bytes", Exchange<64>, RawExchange<64>, kRoundTrip}) &&
     Bench::bCompare({"exchange of 2,048 bytes", Exchange<2048>, RawExchange<2048>, kRoundTrip}) &&
-    Bench::bCompare({"1,000 frames of 0 bytes one way", OneWay<0>, RawOneWay<0>, kOneWay}) &&
-    Bench::bCompare({"1,000 frames of 64 bytes one way", OneWay<64>, RawOneWay<64>, kOneWay}) &&
-    Bench::bCompare(
-        {"1,000 frames of 2,048 bytes one way", OneWay<2048>, RawOneWay<2048>, kOneWay});
+    Bench::bCompare({"100 frames of 0 bytes one way", OneWay<0>, RawOneWay<0>, kOneWay}) &&
+    Bench::bCompare({"100 frames of 64 bytes one way", OneWay<64>, RawOneWay<64>, kOneWay}) &&
+    Bench::bCompare({"100 frames of 2,048 bytes one way", OneWay<2048>, RawOneWay<2048>, kOneWay});
 } // namespace
