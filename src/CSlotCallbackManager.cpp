@@ -153,6 +153,9 @@ void CSlotCallbackManager::RemoveAllMsg()
 long CSlotCallbackManager::iRunThread()
 {
     const CDeferredCancel deferred;
+    // A stop that did not join may have left a loop with a message in the hands of a slot. The flag
+    // is not raised before that one has ended, or it would go on as well.
+    const std::lock_guard<std::mutex> loopHeld(m_loopLock);
     long lResult = 0;
     {
         const std::lock_guard<std::mutex> batchHeld(m_batchLock);

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <functional>
 #include <gtest/gtest.h>
@@ -249,7 +250,9 @@ TEST_F(ADispatcher, DispatchesWhatASlotPostsAfterTheCurrentMessage)
     });
     lPost(0, kOther);
     lPost(3);
-    Drain();
+    Start();
+    EXPECT_TRUE(m_record.bAwaitCount(4)); // before a stop, from which on nothing overtakes
+    DrainStarted();
     EXPECT_EQ((std::vector<int32_t>{0, 2, 3, 1}), m_record.Seen());
 }
 
@@ -607,6 +610,31 @@ TEST_F(ADispatcher, EndsThoughItsSlotsGoOnPosting)
     EXPECT_EQ(1U, m_pDispatcher->nQueued()); // waits for the next start
 }
 
+TEST_F(ADispatcher, StartsANewLoopWhenTheOneBeforeHasEnded)
+{
+    CDoor inSlot;
+    CDoor mayGoOn;
+    std::atomic<bool> bLooked{false};
+    On(kOther, [&](CMsg* pMsg) {
+        inSlot.Open();
+        EXPECT_TRUE(mayGoOn.bPass());
+        EXPECT_EQ(7, pMsg->m_iParam1); // nobody else has ended its dispatch
+        bLooked = true;
+    });
+    lPost(7, kOther);
+    Start();
+    ASSERT_TRUE(inSlot.bPass());
+    m_pDispatcher->iStop(false, false);
+    lPost(1);
+    EXPECT_EQ(0, m_pDispatcher->iCreateThread(false, 0));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time to do wrong
+    EXPECT_FALSE(m_pDispatcher->m_bRun);
+    mayGoOn.Open();
+    EXPECT_TRUE(bAwait([this]() -> bool { return m_pDispatcher->m_bRun; }));
+    m_pDispatcher->iStop(true, false);
+    EXPECT_TRUE(bLooked);
+}
+
 TEST_F(ADispatcher, DispatchesAfterACancellationWhatWasLeftBehind)
 {
     if (kSanitized) {
@@ -830,10 +858,9 @@ TEST_F(ADispatcher, NeitherLosesNorDoublesAMessageOfSeveralPosters)
             }
         });
     }
-    // Started and stopped all the while; what is queued waits.
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 3; ++i) { // started and stopped all the while; what is queued waits
         Start();
-        m_pDispatcher->iStop(i % 2 == 0, false);
+        m_pDispatcher->iStop(true, false);
     }
     Start();
     for (std::thread& poster : posters) {

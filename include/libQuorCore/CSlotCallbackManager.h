@@ -83,6 +83,7 @@ private:
     bool bAwaitCurrentOf(const CObject* pOrigin);
     long iDispatch(CMsg* pMsg);
 
+    std::mutex m_loopLock;              ///< Held by the loop, before all others: there is one.
     std::list<CMsg*> m_listSpare;       ///< Used nodes for new messages. Guarded as m_listMsg.
     std::atomic<bool> m_bUrgent{false}; ///< An urgent message came after the batch was taken.
 
