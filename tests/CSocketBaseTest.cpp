@@ -3,6 +3,8 @@
 
 #include "libQuorCore/CSerialize.h"
 
+#include "internal/CUniqueFd.h"
+
 #include "support/CChild.h"
 #include "support/CLogLevel.h"
 #include "support/CMessageStore.h"
@@ -230,6 +232,26 @@ TEST_F(ASocketBase, CountsWritesNotFrames)
     EXPECT_EQ(3, ReceiveFrame(m_Peer).iCounter);
     m_Endpoint.iWrite(pBytes(szData), 1); // a raw write counts as well
     EXPECT_EQ(5, m_Endpoint.m_iMsgCounter);
+}
+
+TEST_F(ASocketBase, SendsACommandsHeaderTogetherWithItsData)
+{
+    int aEnds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, aEnds)); // shows each send
+    const QuorCore::CUniqueFd peer(aEnds[1]);
+    QuorCore::CUniqueFd former(m_Endpoint.m_iSocket.exchange(aEnds[0]));
+    std::string szData = "abc";
+    char aPacket[64];
+
+    EXPECT_EQ(20 + 3, m_Endpoint.iWrite(1, pBytes(szData), 3, 0, 0, 0, 0));
+    ASSERT_EQ(20 + 3, recv(peer.iGet(), aPacket, sizeof(aPacket), MSG_DONTWAIT));
+    EXPECT_EQ("abc", std::string(aPacket + 20, 3));
+    EXPECT_EQ(2, m_Endpoint.m_iMsgCounter); // still two writes
+
+    EXPECT_EQ(20, m_Endpoint.iWrite(1, nullptr, 0, 0, 0, 0, 0)); // nothing to wait for
+    EXPECT_EQ(20, recv(peer.iGet(), aPacket, sizeof(aPacket), MSG_DONTWAIT));
+
+    QuorCore::CUniqueFd packets(m_Endpoint.m_iSocket.exchange(former.iRelease()));
 }
 
 TEST_F(ASocketBase, WrapsItsCounterAt16Bits)
