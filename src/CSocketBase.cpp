@@ -2,6 +2,7 @@
 
 #include "internal/CFdGate.h"
 #include "internal/CHeldLock.h"
+#include "internal/CSocketReader.h"
 #include "internal/Sigpipe.h"
 #include "internal/SocketErrorText.h"
 
@@ -27,6 +28,7 @@ constexpr int kPingLockWaitMs = 1000;   // for the write of another thread
 constexpr int kRetryPauseMs = 10;
 constexpr int kEmptyReadsMax = 10;       // in a row, until a read gives up on its count
 constexpr size_t kAnswerBytesMax = 2048; // data of an answer that is read as an object
+constexpr size_t kJoinedBytesMax = 512;  // header and data that are copied together
 
 uint8_t* pBytes(socketFrameHdr_t* pHeader)
 {
@@ -38,9 +40,18 @@ class CSendParts
 {
 public:
     CSendParts(uint8_t* pHeader, size_t nHeader, const uint8_t* pBytes, size_t nBytes)
-        : m_aParts{iovec{pHeader, nHeader}, iovec{const_cast<uint8_t*>(pBytes), nBytes}}
+        : m_aParts{iovec{pHeader, nHeader}, iovec{const_cast<uint8_t*>(pBytes), nBytes}},
+          m_bJoined(nHeader > 0 && nHeader + nBytes <= m_aJoined.size())
     {
+        if (m_bJoined) { // for so few bytes the kernel's look at two parts costs more than a copy
+            std::memcpy(m_aJoined.data(), pHeader, nHeader);
+            std::memcpy(m_aJoined.data() + nHeader, pBytes, nBytes);
+            m_aParts[0].iov_base = m_aJoined.data();
+            m_aParts[1].iov_base = m_aJoined.data() + nHeader;
+        }
     }
+    CSendParts(const CSendParts&) = delete;
+    CSendParts& operator=(const CSendParts&) = delete;
 
     bool bLeft() const { return m_aParts[0].iov_len + m_aParts[1].iov_len > 0; }
 
@@ -51,6 +62,9 @@ public:
     {
         if (m_aParts[0].iov_len == 0) {
             return send(iFd, m_aParts[1].iov_base, m_aParts[1].iov_len, 0);
+        }
+        if (m_bJoined) {
+            return send(iFd, m_aParts[0].iov_base, m_aParts[0].iov_len + m_aParts[1].iov_len, 0);
         }
         msghdr message = {};
         message.msg_iov = m_aParts.data();
@@ -74,6 +88,8 @@ public:
 
 private:
     std::array<iovec, 2> m_aParts;
+    const bool m_bJoined; // both parts lie in m_aJoined, one behind the other
+    std::array<uint8_t, kJoinedBytesMax> m_aJoined;
 };
 
 /// Counts one up for a scope.
@@ -159,8 +175,8 @@ long CSocketBase::iRunThread()
 {
     const CDeferredCancel deferred; // a cancellation unwinds at a system call, not with a lock held
     const CReading reading(*this);
-    CFdPin socket(*m_pFdGate); // kept from frame to frame
-    const CForScope pinned(m_pReaderPin, &socket);
+    CSocketReader reader(*m_pFdGate); // keeps its pin from frame to frame
+    const CForScope readingAhead(m_pReader, &reader);
     m_bRun = true;
     int iWaitSec = m_iFirstConnectDelaySec;
     long lCarried = 0; // bytes of m_pRxBuffer that no consumer has taken yet
@@ -168,7 +184,7 @@ long CSocketBase::iRunThread()
         if (bGetConnected()) {
             lCarried = lServeOneFrame(lCarried);
         } else {
-            socket.Leave(); // who has closed it left that to us
+            reader.Leave(); // who has closed it left that to us
             Reconnect(iWaitSec);
             lCarried = 0;
         }
@@ -191,7 +207,7 @@ long CSocketBase::lServeOneFrame(long lCarried)
     const long lResult = lRead(pFrame, std::min<long>(m_lSizeDataMax, kFrameDataBytesMax), &lSize);
     if (lResult < 0 && m_bRun) {
         Close();
-        m_pReaderPin->Leave();
+        m_pReader->Leave();
         bDynWait(kReadFailureWaitSec);
     }
     if (lResult <= 0) {
@@ -367,16 +383,17 @@ long CSocketBase::iRead(uint8_t* pFrame, long lSizeToRead, long* plNbrRcv)
 
 long CSocketBase::lReceive(uint8_t* pTarget, long lSize, int& iError)
 {
-    const bool bInLoop = bIsReadingThread() && m_pReaderPin != nullptr;
+    const bool bInLoop = bIsReadingThread() && m_pReader != nullptr;
     CFdPin passing(*m_pFdGate); // for who reads outside of the loop
-    CFdPin& socket = bInLoop ? *m_pReaderPin : passing;
-    const int iFd = socket.iEnter(m_iSocket);
+    const int iFd = bInLoop ? m_pReader->iEnter(m_iSocket) : passing.iEnter(m_iSocket);
     if (iFd == -1 && !m_bConnected) { // closed since the caller asked
         iError = ENOTCONN;
         return 0;
     }
+    const auto nWanted = static_cast<size_t>(lSize);
     errno = 0; // the end of the stream leaves it alone, and it is looked at all the same
-    const ssize_t lChunk = recv(iFd, pTarget, static_cast<size_t>(lSize), MSG_WAITALL);
+    const ssize_t lChunk =
+        bInLoop ? m_pReader->lReceive(pTarget, nWanted) : recv(iFd, pTarget, nWanted, MSG_WAITALL);
     iError = errno;
     return lChunk;
 }
@@ -404,6 +421,15 @@ bool CSocketBase::bTakeAsAnswer(socketFrame_t* pFrame)
     if (m_ExchangeResult != kExchangePending) {
         return false; // a request is written after this is set, so no answer passes here
     }
+    if (!bSettleExchange(pFrame)) {
+        return false;
+    }
+    m_EventRead.iSetEvent(); // with the lock free: who is woken takes it at once
+    return true;
+}
+
+bool CSocketBase::bSettleExchange(socketFrame_t* pFrame)
+{
     const CHeldLock<CRecursiveLock> held(m_LockDataExchange);
     // The tag is the address of the number, so that 0 can be awaited, and a text that somebody
     // awaits through iExchange() is not taken for a number.
@@ -416,7 +442,7 @@ bool CSocketBase::bTakeAsAnswer(socketFrame_t* pFrame)
     const long lSize = pFrame->GetDataSize();
     const long lRoom = m_pLastRead != nullptr ? m_iSizeMaxRead : 0;
     if ((lSize > lRoom && lSize > 0) || m_bOversize) {
-        CompleteExchange(-1); // refused whole: half an answer is none, nor is it an empty one
+        m_ExchangeResult = -1; // refused whole: half an answer is none, nor is it an empty one
         return true;
     }
     if (lSize > 0) {
@@ -427,7 +453,7 @@ bool CSocketBase::bTakeAsAnswer(socketFrame_t* pFrame)
     if (m_piSizeLastRead != nullptr) {
         *m_piSizeLastRead = lSize;
     }
-    CompleteExchange(0);
+    m_ExchangeResult = 0;
     return true;
 }
 

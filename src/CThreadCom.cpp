@@ -1,6 +1,7 @@
 #include "libQuorCore/CThreadCom.h"
 
 #include "internal/CHeldLock.h"
+#include "internal/Clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -102,16 +103,28 @@ long CThreadCom::iRead(uint8_t*, long, long*)
 
 long CThreadCom::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
 {
+    if (!bSettleExchange(pFrame, lSizeTotal)) {
+        return 0;
+    }
+    m_EventRead.iSetEvent(); // with the lock free: who is woken takes it at once
+    if (plUsed != nullptr) {
+        *plUsed = lSizeTotal;
+    }
+    return 1;
+}
+
+bool CThreadCom::bSettleExchange(const uint8_t* pFrame, long lSizeTotal)
+{
     const CHeldLock<CRecursiveLock> held(m_LockDataExchange);
     const bool bAwaited = held && m_ExchangeResult == kExchangePending;
     if (!bAwaited || pFrame == nullptr || lSizeTotal < 1 || pFrame[0] == 0) {
-        return 0;
+        return false;
     }
     const char* const pszText = reinterpret_cast<const char*>(pFrame);
     const std::string_view text(pszText, strnlen(pszText, static_cast<size_t>(lSizeTotal)));
     if (m_pTagToWait != nullptr &&
         text.find(reinterpret_cast<const char*>(m_pTagToWait)) == std::string_view::npos) {
-        return 0;
+        return false;
     }
     if (m_pLastRead != nullptr) {
         const long lCopied = std::clamp(m_iSizeMaxRead, 0L, lSizeTotal);
@@ -120,11 +133,8 @@ long CThreadCom::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
             *m_piSizeLastRead = lSizeTotal;
         }
     }
-    if (plUsed != nullptr) {
-        *plUsed = lSizeTotal;
-    }
-    CompleteExchange(0);
-    return 1;
+    m_ExchangeResult = 0;
+    return true;
 }
 
 int CThreadCom::iMonitoring()
@@ -225,10 +235,15 @@ CThreadCom::CAwaitedAnswer::~CAwaitedAnswer() noexcept(false)
 
 long CThreadCom::CAwaitedAnswer::lAwait(long iTimeOut)
 {
-    long lResult = 0;
-    do {
-        lResult = m_com.m_EventRead.iWaitForEvent(iTimeOut);
-    } while (lResult == -1 && iTimeOut < 0 && errno == EINTR); // a signal is no answer
+    const CDeadline deadline(std::max(iTimeOut, 0L));
+    long lResult = m_com.m_EventRead.iWaitForEvent(iTimeOut);
+    // A signal is no answer, nor is the event of an answer that the exchange before did not await
+    // any more: it is set after the result.
+    while ((lResult == -1 && iTimeOut < 0 && errno == EINTR) ||
+           (lResult == 0 && m_com.m_ExchangeResult == kExchangePending)) {
+        lResult = m_com.m_EventRead.iWaitForEvent(
+            iTimeOut < 0 ? iTimeOut : static_cast<long>(deadline.iLeftMs()));
+    }
     return lResult == 0 ? m_com.m_ExchangeResult.load() : lResult;
 }
 
@@ -240,15 +255,13 @@ bool CThreadCom::bIsReadingThread() const
 
 void CThreadCom::AbortExchange()
 {
-    const CHeldLock<CRecursiveLock> held(m_LockDataExchange);
-    if (held && m_ExchangeResult == kExchangePending) {
-        CompleteExchange(-1);
+    {
+        const CHeldLock<CRecursiveLock> held(m_LockDataExchange);
+        if (!held || m_ExchangeResult != kExchangePending) {
+            return;
+        }
+        m_ExchangeResult = -1;
     }
-}
-
-void CThreadCom::CompleteExchange(long lResult)
-{
-    m_ExchangeResult = lResult;
     m_EventRead.iSetEvent();
 }
 

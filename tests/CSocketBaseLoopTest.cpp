@@ -411,6 +411,23 @@ TEST_F(ARunningSocketBase, ReadsFramesThatComeTogether)
     }
 }
 
+TEST_F(ARunningSocketBase, LetsAHandlerReadTheDataThatWasTooLong)
+{
+    std::string szRest(1500, '?');
+    std::promise<long> read;
+    m_Endpoint.iStop(true, false);
+    m_Endpoint.m_OnFrame = [&](socketFrame_t*) {
+        read.set_value(m_Endpoint.iRead(pBytes(szRest), lSize(szRest), nullptr));
+    };
+    Restart(1000);
+    const std::string szData(1500, 'd');
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(m_Endpoint.m_iHandled, szData) +
+                             FrameBytes(CMD_COMMUN_PING, "next")));
+    EXPECT_EQ("next", ReceiveFrame(m_Peer).szData);
+    EXPECT_EQ(1500, read.get_future().get());
+    EXPECT_EQ(szData, szRest);
+}
+
 TEST_F(ARunningSocketBase, AcceptsDataUpToItsMaximum)
 {
     EXPECT_EQ(1000u, Ask(FrameBytes(CMD_COMMUN_PING, std::string(1000, 'x'))).szData.size());

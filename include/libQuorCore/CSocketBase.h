@@ -17,7 +17,7 @@
 namespace QuorCore
 {
 class CFdGate;
-class CFdPin;
+class CSocketReader;
 
 /**
  * @brief Connects, reads frames and answers the common commands; subclasses supply iConnect().
@@ -103,6 +103,9 @@ public:
      * The end of the stream does not close the connection: after ten empty reads 10 ms apart the
      * call returns what it has. An error is logged at level 4 and closes the connection.
      *
+     * On the endpoint's thread it reads ahead: a handler that wants bytes of the stream takes them
+     * from here, never from the descriptor.
+     *
      * @param pFrame       Receives the bytes; the caller's, room for @p lSizeToRead.
      * @param plNbrRcv     Receives the number of bytes read. May be null.
      * @return That number, or -1 after an error.
@@ -150,7 +153,9 @@ public:
     /**
      * @brief Sends a frame as a header and then, if there is any, its data.
      *
-     * The header's error word is not set and means nothing to the receiver; it is sent as 0.
+     * The header's error word is not set and means nothing to the receiver; it is sent as 0. The
+     * header waits for the data and leaves with it: a subclass that replaces the raw form replaces
+     * it for both.
      *
      * @param pPayload  Borrowed; @p size bytes (0 to 65535); null sends none of them, but the
      *                  header still announces @p size.
@@ -286,6 +291,7 @@ private:
     void FinishFailedSend(int iError);
     long lReceive(uint8_t* pTarget, long lSize, int& iError);
     bool bTakeAsAnswer(socketFrame_t* pFrame);
+    bool bSettleExchange(socketFrame_t* pFrame);
 
     long lServeOneFrame(long lCarried);
     void Reconnect(int iWaitSec);
@@ -295,8 +301,8 @@ private:
 
     const std::unique_ptr<CFdGate> m_pFdGate;
     std::atomic<int> m_iFirstConnectDelaySec;
-    std::atomic<int> m_iStopping{0}; ///< Calls of iStop() that still use the object.
-    CFdPin* m_pReaderPin = nullptr;  ///< The loop's; only its thread looks.
+    std::atomic<int> m_iStopping{0};    ///< Calls of iStop() that still use the object.
+    CSocketReader* m_pReader = nullptr; ///< The loop's; only its thread looks.
     bool m_bOversize = false; ///< The frame last read has data that was not read; its reader's.
     uint16_t m_iCommandToWait = 0; ///< Unchanged while m_pTagToWait points here.
     int m_iWriteDepth = 0;         ///< Guarded by m_RecursiveLock.

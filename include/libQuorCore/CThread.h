@@ -118,6 +118,7 @@ public:
     void UnLock() { m_RecursiveLock.UnLock(); }
 
     /// @name The thread's callbacks, as CCallbackMap has them.
+    /// A thread that ends empties its map: what was registered before a restart is registered anew.
     /// @{
     CInvokeCallback* pAddCallback(uint32_t iEventId, CInvokeCallback* pCallback);
     void RemoveEvent(uint32_t iEventId);

@@ -157,9 +157,6 @@ protected:
     /// Ends a pending exchange with -1: its answer cannot come any more.
     void AbortExchange();
 
-    /// Ends the pending exchange with @p lResult; the caller holds m_LockDataExchange.
-    void CompleteExchange(long lResult);
-
     std::string szCopyConnexionName(); ///< @return The connection name, safe beside Configure().
 
     /// @return Bytes at m_pRxBuffer; 0 without one.
@@ -182,6 +179,7 @@ protected:
 
 private:
     void ResizeRxBuffer(long lSizeDataMax);
+    bool bSettleExchange(const uint8_t* pFrame, long lSizeTotal);
 
     size_t m_sizeRxBuffer = 0;
     std::mutex m_nameLock;                     ///< Guards changes of m_szConnexionName.
