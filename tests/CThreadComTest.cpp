@@ -42,6 +42,7 @@ public:
     using CThreadCom::m_bConnected;
     using CThreadCom::m_bRestartBuffer;
     using CThreadCom::m_bRun;
+    using CThreadCom::m_EventRead;
     using CThreadCom::m_ExchangeResult;
     using CThreadCom::m_iNumPort;
     using CThreadCom::m_iSizeMaxRead;
@@ -398,6 +399,25 @@ TEST_F(AThreadCom, EndsAnExchangeWhoseLinkIsLost)
     m_Com.AbortExchange();
     EXPECT_EQ(-1, exchange.get());
     EXPECT_TRUE(m_Com.bIsIdle());
+}
+
+TEST_F(AThreadCom, IsNotEndedByTheEventOfAnEarlierAnswer)
+{
+    m_Com.m_bConnected = true;
+    auto exchange = std::async(std::launch::async, [this] {
+        return m_Com.iExchange(nullptr, 0, nullptr, nullptr, 0, nullptr, kForEver);
+    });
+    ASSERT_TRUE(m_Com.bAwaitPending());
+    m_Com.m_EventRead.iSetEvent(); // its result went to an exchange that had given up
+    m_Com.AbortExchange();
+    EXPECT_EQ(-1, exchange.get());
+    auto timed = std::async(std::launch::async, [this] {
+        return m_Com.iExchange(nullptr, 0, nullptr, nullptr, 0, nullptr, 50);
+    });
+    if (m_Com.bAwaitPending()) {
+        m_Com.m_EventRead.iSetEvent();
+    }
+    EXPECT_EQ(-7, timed.get());
 }
 
 TEST_F(AnExchangeOfTexts, EndsWithTheTagAnywhereInTheAnswer)

@@ -15,7 +15,6 @@ using namespace QuorCore;
 
 namespace
 {
-constexpr int kStartLimitMs = 1000;  // for the loop of a thread to begin
 constexpr long kDataBytesMax = 4096; // of a frame that a peer sends us
 
 const char* pszOrEmpty(const char* szText)
@@ -118,9 +117,11 @@ bool CHelloDaemon::bStart()
     m_Server.Configure(m_iPort, kDataBytesMax, "peer of hello_daemon");
     m_Server.SetFirstConnectDelay(0); // answers as soon as it is up
     m_Supervisor.Supervise(m_Server);
-    const bool bStarted = m_callbackManager.iCreateThread(true, kStartLimitMs) == 0 &&
-                          m_Server.iCreateThread(true, kStartLimitMs) == 0 &&
-                          m_Supervisor.iCreateThread(true, kStartLimitMs) == 0;
+    // Nobody waits for a loop to begin: messages are kept for the dispatcher, and that the server
+    // listens is looked for below.
+    const bool bStarted = m_Server.iCreateThread(false, 0) == 0 &&
+                          m_callbackManager.iCreateThread(false, 0) == 0 &&
+                          m_Supervisor.iCreateThread(false, 0) == 0;
     if (bStarted) {
         StartChild();
     }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <malloc.h>
 
 using namespace QuorCore;
 
@@ -22,6 +23,7 @@ int iFail(const char* szWhat)
 
 int main(int argc, char** argv)
 {
+    mallopt(M_ARENA_MAX, 1); // a heap for each thread is more than so few allocations are worth
     g_versionFW = {kVersion, "hello_daemon"};
     CThread::m_Logger.Init(g_versionFW.szAppName);
     try {
