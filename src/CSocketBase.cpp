@@ -3,6 +3,7 @@
 #include "internal/CFdGate.h"
 #include "internal/CHeldLock.h"
 #include "internal/CSocketReader.h"
+#include "internal/FrameRules.h"
 #include "internal/Sigpipe.h"
 #include "internal/SocketErrorText.h"
 
@@ -475,13 +476,6 @@ long CSocketBase::iLogError(long lErr)
     return lErr;
 }
 
-// The caller holds m_RecursiveLock.
-void CSocketBase::Stamp(socketFrameHdr_t& header)
-{
-    header.magicNumber = kFrameMagic;
-    header.msgCounter = m_iMsgCounter;
-}
-
 long CSocketBase::iWrite(socketFrameHdr_t* pHeader, uint8_t* pPayload, long size, uint16_t user1,
                          uint16_t user2)
 {
@@ -489,7 +483,7 @@ long CSocketBase::iWrite(socketFrameHdr_t* pHeader, uint8_t* pPayload, long size
         return -1;
     }
     const long lResult = lInWriteTurn([&](int) {
-        Stamp(*pHeader);
+        StampHeader(*pHeader, m_iMsgCounter);
         pHeader->user1 = static_cast<int16_t>(user1);
         pHeader->user2 = static_cast<int16_t>(user2);
         pHeader->SetDataSize(static_cast<uint16_t>(size));
@@ -515,14 +509,8 @@ long CSocketBase::iWrite(uint16_t command, uint8_t* pPayload, long size, uint16_
     long lResult = -1;
     if (size <= kFrameDataBytesMax) { // more than the header can tell would read as frames
         lResult = lInWriteTurn([&](int) {
-            socketFrameHdr_t header = {};
-            Stamp(header);
-            header.SetDataSize(static_cast<uint16_t>(std::max(size, 0L)));
-            header.typeITF = typeITF;
-            header.command = command;
-            header.protocol = protocol;
-            header.user1 = static_cast<int16_t>(user1);
-            header.user2 = static_cast<int16_t>(user2);
+            socketFrameHdr_t header = MakeHeader(command, size, typeITF, protocol, user1, user2);
+            StampHeader(header, m_iMsgCounter);
             // The sum of both results, whatever they are: callers only ask for its sign, and a
             // failure of one part has closed the connection for the other.
             const bool bData = pPayload != nullptr && size > 0;
@@ -589,7 +577,7 @@ long CSocketBase::iWrite(socketFrame_t* pFrame)
     // Not GetFrameSize(), which wraps: a frame cut there would cost the peer its connection.
     const long lSize = static_cast<long>(kFrameHeaderSize) + pFrame->GetDataSize();
     const long lResult = lInWriteTurn([&](int) {
-        Stamp(*pFrame);
+        StampHeader(*pFrame, m_iMsgCounter);
         return iWrite(pBytes(pFrame), lSize);
     });
     if (lResult < 0) {
@@ -616,11 +604,15 @@ long CSocketBase::lRead(socketFrame_t* pFrame, long lSizeToRead, long* plNbrRcv)
     if (lHeader < 1) {
         return lHeader;
     }
-    if (lHeader < kHeader || pFrame->magicNumber != kFrameMagic) {
+    if (lHeader < kHeader) {
+        return -1;
+    }
+    const eHeader verdict = JudgeHeader(*pFrame, lSizeToRead);
+    if (verdict == eHeader::BAD_MAGIC) {
         return -1;
     }
     const uint32_t iSize = pFrame->size;
-    if (static_cast<int64_t>(iSize) > std::max(lSizeToRead, 0L)) {
+    if (verdict == eHeader::OVERSIZE) {
         pFrame->size = 0; // handlers go by this field, and nothing of the data is here
         m_bOversize = true;
         return lHeader;
@@ -686,15 +678,6 @@ bool CSocketBase::bCheckPing()
     Close();
     QUORCORE_LOG(LOG_ERR, "PING not received close connection");
     return false;
-}
-
-void CSocketBase::EndThread()
-{
-    if (bIsRunning()) {
-        StopAndAwaitEnd();
-    } else {
-        AwaitThreadEnd();
-    }
 }
 
 bool CSocketBase::bAnnounceConnected(int iFd)

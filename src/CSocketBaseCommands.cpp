@@ -1,20 +1,15 @@
 // The commands that every endpoint answers by itself.
 #include "libQuorCore/CSocketBase.h"
 
+#include "internal/CommonCommands.h"
+
 #include "libQuorCore/CSocketCallback.h"
 
-#include <algorithm>
 #include <cstring>
-#include <unistd.h>
 #include <vector>
 
 namespace QuorCore
 {
-namespace
-{
-constexpr size_t kPageBytesMax = 65515; // from there on GetFrameSize() wraps, at the peer too
-} // namespace
-
 long CSocketBase::iInitInstance()
 {
     struct Builtin {
@@ -40,112 +35,76 @@ long CSocketBase::iInitInstance()
 
 void CSocketBase::OnCmdCommunPing(socketFrame_t* pFrame)
 {
-    if (pFrame == nullptr) {
-        return;
+    if (pFrame != nullptr) {
+        ResetPing();
+        Serve(*pFrame, CommonCommands::Ping(*pFrame));
     }
-    ResetPing();
-    pFrame->command = CMD_COMMUN_PONG;
-    pFrame->error = 0;
-    iWrite(pFrame);
-    PostOnce(EVT_COM_PING);
 }
 
 void CSocketBase::OnCmdCommunPong(socketFrame_t* pFrame)
 {
-    if (pFrame == nullptr) {
-        return;
+    if (pFrame != nullptr) {
+        ResetPing();
+        Serve(*pFrame, CommonCommands::Pong(*pFrame));
     }
-    pFrame->error = 0;
-    ResetPing();
-    PostOnce(EVT_COM_PONG);
 }
 
-// The three below: a request carries no data, so a frame that does is an answer whose exchange has
-// given up. Answered as a request, it would go back and forth between two endpoints for ever.
 void CSocketBase::OnCmdCommunVersion(socketFrame_t* pFrame)
 {
-    if (pFrame == nullptr || pFrame->GetDataSize() != 0) {
-        return;
+    if (pFrame != nullptr) {
+        Serve(*pFrame, CommonCommands::Version(*pFrame));
     }
-    versionFW_t version = {}; // what follows the name's end stays in this process
-    version.version = g_versionFW.version;
-    std::memcpy(version.szAppName, g_versionFW.szAppName,
-                strnlen(g_versionFW.szAppName, sizeof(version.szAppName)));
-    Answer(pFrame, &version, sizeof(version));
 }
 
 void CSocketBase::OnCmdCommunPID(socketFrame_t* pFrame)
 {
-    if (pFrame == nullptr || pFrame->GetDataSize() != 0) {
-        return;
+    if (pFrame != nullptr) {
+        Serve(*pFrame, CommonCommands::Pid(*pFrame));
     }
-    int32_t iPid = getpid(); // four bytes on every machine
-    Answer(pFrame, &iPid, sizeof(iPid));
 }
 
 void CSocketBase::OnCmdCommunName(socketFrame_t* pFrame)
 {
-    if (pFrame == nullptr || pFrame->GetDataSize() != 0) {
-        return;
+    if (pFrame != nullptr) {
+        Serve(*pFrame, CommonCommands::Name(*pFrame));
     }
-    std::string szName(g_versionFW.szAppName,
-                       strnlen(g_versionFW.szAppName, sizeof(g_versionFW.szAppName)));
-    Answer(pFrame, szName.data(), szName.size() + 1);
 }
 
 void CSocketBase::OnCmdCommunGetLogConfig(socketFrame_t* pFrame)
 {
-    if (pFrame == nullptr) {
-        return;
+    if (pFrame != nullptr) {
+        Serve(*pFrame, CommonCommands::GetLogConfig(*pFrame));
     }
-    const std::string szAction(reinterpret_cast<char*>(pFrame->pGetData()), pFrame->GetDataSize());
-    std::string szPage;
-    m_Logger.iGetLogConfigHtml(szPage, szAction.c_str()); // the peer's bytes end where they end
-    // An action that begins as the page does is a page whose exchange has given up: see above.
-    constexpr size_t kTelltaleBytes = 15;
-    if (szPage.size() > kTelltaleBytes &&
-        szAction.compare(0, kTelltaleBytes, szPage, 0, kTelltaleBytes) == 0) {
-        return;
-    }
-    szPage.resize(std::min(szPage.size(), kPageBytesMax - 1));
-    Answer(pFrame, szPage.data(), szPage.size() + 1);
 }
 
 void CSocketBase::OnCmdCommunSetLogConfig(socketFrame_t* pFrame)
 {
-    constexpr uint16_t kPairBytes = 2;
-    if (pFrame == nullptr || pFrame->GetDataSize() < kPairBytes) {
-        return; // without a pair it is an answer, see above: these are empty
+    if (pFrame != nullptr) {
+        Serve(*pFrame, CommonCommands::SetLogConfig(*pFrame));
     }
-    m_Logger.SetLogLevel(pFrame->pGetData(), pFrame->GetDataSize());
-    PostOnce(EVT_CONFIG_SAVE);
-    pFrame->SetData(nullptr, 0);
-    pFrame->error = 0;
-    iWrite(pFrame);
 }
 
-// Sends a frame back with other data; in a buffer of its own unless it surely fits where it is.
-void CSocketBase::Answer(socketFrame_t* pFrame, void* pData, size_t size)
+void CSocketBase::Serve(socketFrame_t& frame, const CommonCommands::outcome_t& outcome)
 {
-    std::vector<uint8_t> separate;
-    const bool bFits = reinterpret_cast<uint8_t*>(pFrame) == m_pRxBuffer &&
-                       kFrameHeaderSize + size <= sizeRxBuffer();
-    if (!bFits) {
-        separate.resize(kFrameHeaderSize + size);
-        std::memcpy(separate.data(), pFrame, kFrameHeaderSize);
-        pFrame = reinterpret_cast<socketFrame_t*>(separate.data());
+    using eAnswer = CommonCommands::outcome_t::eAnswer;
+    PostOnce(outcome.iEventBefore);
+    if (outcome.answer == eAnswer::FRAME) {
+        iWrite(&frame);
+    } else if (outcome.answer == eAnswer::NEW_DATA) {
+        Answer(frame, outcome.szData);
     }
-    pFrame->SetData(static_cast<uint8_t*>(pData), static_cast<int>(size));
-    pFrame->error = 0;
-    iWrite(pFrame);
+    PostOnce(outcome.iEventAfter);
 }
 
-// A peer sets the pace of these: one that waits says as much as a thousand, which would fill the
-// memory while the dispatcher is busy.
-void CSocketBase::PostOnce(uint32_t iEventId)
+// Sends a frame's header back with other data.
+void CSocketBase::Answer(const socketFrameHdr_t& header, const std::string& szData)
 {
-    if (!bIsPostQueued(iEventId)) {
-        iPostMessage(iEventId, 0, 0, nullptr, 0, 0);
-    }
+    std::vector<uint8_t> bytes(kFrameHeaderSize + szData.size());
+    std::memcpy(bytes.data(), &header, kFrameHeaderSize);
+    auto* const pFrame = reinterpret_cast<socketFrame_t*>(bytes.data());
+    std::memcpy(pFrame->pGetData(), szData.data(), szData.size());
+    pFrame->SetDataSize(static_cast<uint16_t>(szData.size()));
+    pFrame->error = 0;
+    iWrite(pFrame);
 }
 } // namespace QuorCore

@@ -265,6 +265,21 @@ void CThreadCom::AbortExchange()
     m_EventRead.iSetEvent();
 }
 
+void CThreadCom::EndThread()
+{
+    if (bIsRunning()) {
+        StopAndAwaitEnd();
+    } else {
+        AwaitThreadEnd();
+    }
+}
+
+void CThreadCom::PostOnce(uint32_t iEventId)
+{
+    if (iEventId != 0 && !bIsPostQueued(iEventId)) {
+        iPostMessage(iEventId, 0, 0, nullptr, 0, 0);
+    }
+}
 std::string CThreadCom::szCopyConnexionName()
 {
     const CDeferredCancel deferred;

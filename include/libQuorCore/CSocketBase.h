@@ -12,12 +12,17 @@
 #include <ctime>
 #include <memory>
 #include <netdb.h>
+#include <string>
 #include <sys/socket.h>
 
 namespace QuorCore
 {
 class CFdGate;
 class CSocketReader;
+namespace CommonCommands
+{
+struct outcome_t;
+}
 
 /**
  * @brief Connects, reads frames and answers the common commands; subclasses supply iConnect().
@@ -248,7 +253,7 @@ public:
     bool bCheckPing();
 
     /// @name Handlers of the common commands; they run on the endpoint's thread.
-    /// Each ignores null. The frame is theirs to change; answers are sent from it where they fit.
+    /// Each ignores null. The frame is theirs to change.
     /// @{
     void OnCmdCommunPing(socketFrame_t* pFrame);    ///< Sends it back and posts EVT_COM_PING.
     void OnCmdCommunPong(socketFrame_t* pFrame);    ///< Posts EVT_COM_PONG.
@@ -278,15 +283,10 @@ protected:
 
     CFdGate& FdGate() { return *m_pFdGate; } ///< The keeper of this object's descriptors.
 
-    /// First step of a destructor: StopAndAwaitEnd() without a further EVT_COM_DISCONNECTED for who
-    /// was stopped already.
-    void EndThread();
-
 private:
     template <class Write>
     long lInWriteTurn(Write write, long lLockWaitMs = -1);
     long lSendAll(int iFd, const uint8_t* pFrame, long lSizeTotal);
-    void Stamp(socketFrameHdr_t& header);
     void Abandon();
     void FinishFailedSend(int iError);
     long lReceive(uint8_t* pTarget, long lSize, int& iError);
@@ -296,8 +296,8 @@ private:
     long lServeOneFrame(long lCarried);
     void Reconnect(int iWaitSec);
     void SetConnectionExtras();
-    void Answer(socketFrame_t* pFrame, void* pData, size_t size);
-    void PostOnce(uint32_t iEventId);
+    void Serve(socketFrame_t& frame, const CommonCommands::outcome_t& outcome);
+    void Answer(const socketFrameHdr_t& header, const std::string& szData);
 
     const std::unique_ptr<CFdGate> m_pFdGate;
     std::atomic<int> m_iFirstConnectDelaySec;

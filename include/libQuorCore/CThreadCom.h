@@ -157,6 +157,14 @@ protected:
     /// Ends a pending exchange with -1: its answer cannot come any more.
     void AbortExchange();
 
+    /// First step of a destructor: StopAndAwaitEnd() without a further EVT_COM_DISCONNECTED for who
+    /// was stopped already.
+    void EndThread();
+
+    /// Posts an event without payload, unless one of this object waits already or it is 0: a peer
+    /// that sets the pace of it would else fill the memory while the dispatcher is busy.
+    void PostOnce(uint32_t iEventId);
+
     std::string szCopyConnexionName(); ///< @return The connection name, safe beside Configure().
 
     /// @return Bytes at m_pRxBuffer; 0 without one.

@@ -20,6 +20,7 @@
 #include "libQuorCore/CSocketBase.h"
 #include "libQuorCore/CSocketCallback.h"
 #include "libQuorCore/CSocketClient.h"
+#include "libQuorCore/CSocketHub.h"
 #include "libQuorCore/CSocketServer.h"
 #include "libQuorCore/CThread.h"
 #include "libQuorCore/CThreadCom.h"

@@ -1,0 +1,166 @@
+#include "internal/CHubPeer.h"
+
+#include "internal/FrameRules.h"
+
+#include <cerrno>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <utility>
+
+namespace QuorCore
+{
+namespace
+{
+constexpr size_t kKeptBytes = 4096; // of an emptied send buffer
+
+bool bIsLater(int iError)
+{
+    return iError == EAGAIN || iError == EWOULDBLOCK || iError == EINTR;
+}
+} // namespace
+
+CHubPeer::CHubPeer(CUniqueFd socket, const CUniqueFd& epoll, CSocketHub::peer_t facts,
+                   size_t sendMax, int64_t iNowMs)
+    : m_facts(std::move(facts)), m_sendMax(sendMax), m_epoll(epoll), m_socket(std::move(socket)),
+      m_iHeardMs(iNowMs), m_iAskedMs(iNowMs)
+{
+}
+
+bool CHubPeer::bWatch()
+{
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.u64 = m_facts.id;
+    return epoll_ctl(m_epoll.iGet(), EPOLL_CTL_ADD, m_socket.iGet(), &event) == 0;
+}
+
+void CHubPeer::WatchForRoom(bool bOn)
+{
+    epoll_event event = {};
+    event.events = bOn ? EPOLLIN | EPOLLOUT : EPOLLIN;
+    event.data.u64 = m_facts.id;
+    epoll_ctl(m_epoll.iGet(), EPOLL_CTL_MOD, m_socket.iGet(), &event);
+}
+
+long CHubPeer::lSend(socketFrameHdr_t& header, const uint8_t* pData, size_t nWrites)
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    if (m_bDoomed) {
+        return -1;
+    }
+    StampHeader(header, m_iCounter);
+    m_iCounter = static_cast<uint16_t>(m_iCounter + nWrites);
+    const size_t nData = header.GetDataSize();
+    const size_t nFrame = kFrameHeaderSize + nData;
+    auto* const pHeader = reinterpret_cast<uint8_t*>(&header);
+    size_t nSent = 0;
+    if (m_waiting.empty()) {
+        iovec aParts[] = {{pHeader, kFrameHeaderSize}, {const_cast<uint8_t*>(pData), nData}};
+        msghdr message = {};
+        message.msg_iov = aParts;
+        message.msg_iovlen = nData > 0 ? 2 : 1;
+        const ssize_t lSent = sendmsg(m_socket.iGet(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (lSent < 0 && !bIsLater(errno)) {
+            DoomLocked(CSocketHub::eGone::WRITE_ERROR);
+            return -1;
+        }
+        nSent = lSent > 0 ? static_cast<size_t>(lSent) : 0;
+    }
+    if (nSent == nFrame) {
+        return static_cast<long>(nFrame);
+    }
+    const size_t nWaiting = m_waiting.size() - m_sent;
+    if (nWaiting > 0 && nWaiting + nFrame > m_sendMax) {
+        DoomLocked(CSocketHub::eGone::TOO_SLOW);
+        return -1;
+    }
+    if (nWaiting == 0) {
+        WatchForRoom(true);
+    }
+    const size_t nHeaderSent = std::min(nSent, kFrameHeaderSize);
+    m_waiting.insert(m_waiting.end(), pHeader + nHeaderSent, pHeader + kFrameHeaderSize);
+    if (nData > 0) {
+        m_waiting.insert(m_waiting.end(), pData + (nSent - nHeaderSent), pData + nData);
+    }
+    return static_cast<long>(nFrame);
+}
+
+void CHubPeer::SendMore()
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    if (m_bDoomed || m_waiting.empty()) {
+        return;
+    }
+    const ssize_t lSent = send(m_socket.iGet(), m_waiting.data() + m_sent,
+                               m_waiting.size() - m_sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (lSent < 0) {
+        if (!bIsLater(errno)) {
+            DoomLocked(CSocketHub::eGone::WRITE_ERROR);
+        }
+        return;
+    }
+    m_sent += static_cast<size_t>(lSent);
+    if (m_sent == m_waiting.size()) {
+        m_waiting.clear();
+        m_sent = 0;
+        if (m_waiting.capacity() > kKeptBytes) {
+            std::vector<uint8_t>().swap(m_waiting);
+        }
+        WatchForRoom(false);
+    } else if (m_sent > m_waiting.size() / 2) { // each byte is moved a few times at most
+        m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<long>(m_sent));
+        m_sent = 0;
+    }
+}
+
+ssize_t CHubPeer::lReceive(uint8_t* pTarget, size_t size)
+{
+    const ssize_t lReceived = recv(m_socket.iGet(), pTarget, size, MSG_DONTWAIT);
+    if (lReceived == 0 || (lReceived < 0 && errno == ECONNRESET)) {
+        Doom(CSocketHub::eGone::CLOSED);
+    } else if (lReceived < 0 && !bIsLater(errno)) {
+        Doom(CSocketHub::eGone::READ_ERROR);
+    }
+    return lReceived;
+}
+
+void CHubPeer::Doom(CSocketHub::eGone reason)
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    DoomLocked(reason);
+}
+
+void CHubPeer::DoomLocked(CSocketHub::eGone reason)
+{
+    if (!m_bDoomed) {
+        m_bDoomed = true;
+        m_reason = reason;
+        ::shutdown(m_socket.iGet(), SHUT_RDWR); // the loop hears of it, and closes
+    }
+}
+
+bool CHubPeer::bDoomed() const
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    return m_bDoomed;
+}
+
+CSocketHub::eGone CHubPeer::Close()
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    m_bDoomed = true; // who still has this object sends nothing any more
+    m_socket.Reset();
+    std::vector<uint8_t>().swap(m_waiting);
+    return m_reason;
+}
+
+bool CHubPeer::bToBeAsked(int64_t iNowMs, int iPeriodMs)
+{
+    if (iNowMs - m_iAskedMs < iPeriodMs) {
+        return false;
+    }
+    m_iAskedMs = iNowMs;
+    return true;
+}
+} // namespace QuorCore
