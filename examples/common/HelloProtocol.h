@@ -9,6 +9,9 @@
 /// error word at kErrorBadName, for any other request.
 constexpr uint16_t CMD_HELLO_GREET = 1000;
 
+/// What hello_daemon tells its tools when its peer comes or goes: a text.
+constexpr uint16_t CMD_HELLO_NEWS = 1001;
+
 constexpr size_t kNameBytesMax = 64;
 constexpr uint16_t kErrorBadName = 1;
 

@@ -27,7 +27,8 @@ CHelloDaemon::CHelloDaemon(int argc, char** argv)
     : CCoreApp(nullptr, argc, argv),
       m_szUserOption(pszOrEmpty(szGetParamArguments(argc, argv, "--user"))),
       m_szGroupOption(pszOrEmpty(szGetParamArguments(argc, argv, "--group"))),
-      m_Child(this, "child"), m_Server(this, "hello_server"), m_Supervisor(this, "hello_supervisor")
+      m_Child(this, "child"), m_Server(this, "hello_server"), m_Tools(this, "hello_tools"),
+      m_Supervisor(this, "hello_supervisor")
 {
     m_FileConfig.SetFilename(szConfigOption(*this, argc, argv).c_str());
 }
@@ -69,11 +70,14 @@ bool CHelloDaemon::bReadSettings()
 {
     int iPeriodSec = 0;
     const bool bGood = bReadNumber(m_FileConfig, "port", kDefaultPort, 0, 65535, m_iPort) &&
+                       bReadNumber(m_FileConfig, "tools_port", -1, -1, 65535, m_iToolsPort) &&
                        bReadNumber(m_FileConfig, "monitoring_period_s", 10, 1, 30, iPeriodSec) &&
                        bReadLogLevel(m_FileConfig, *this, LOG_NOTICE) &&
                        bReadLogLevel(m_FileConfig, m_callbackManager, LOG_NOTICE) &&
                        bReadLogLevel(m_FileConfig, m_Server, LOG_NOTICE) &&
+                       bReadLogLevel(m_FileConfig, m_Tools, LOG_NOTICE) &&
                        bReadLogLevel(m_FileConfig, m_Supervisor, kDefaultLogLevel);
+    m_szToolsPath = m_FileConfig.szGetParameter("tools_path", "");
     m_Supervisor.SetPeriod(iPeriodSec);
     return bGood;
 }
@@ -121,11 +125,25 @@ bool CHelloDaemon::bStart()
     // listens is looked for below.
     const bool bStarted = m_Server.iCreateThread(false, 0) == 0 &&
                           m_callbackManager.iCreateThread(false, 0) == 0 &&
-                          m_Supervisor.iCreateThread(false, 0) == 0;
+                          m_Supervisor.iCreateThread(false, 0) == 0 && bStartTools();
     if (bStarted) {
         StartChild();
     }
     return bStarted;
+}
+
+// The one endpoint serves a single peer, the daemon's partner: people come to another one.
+bool CHelloDaemon::bStartTools()
+{
+    if (m_iToolsPort == -1 && m_szToolsPath.empty()) {
+        return true;
+    }
+    if (m_iToolsPort == -1) {
+        m_Tools.SetBindAddress(nullptr);
+    }
+    m_Tools.SetUnixPath(m_szToolsPath.c_str());
+    m_Tools.Configure(m_iToolsPort, kDataBytesMax, "tools of hello_daemon");
+    return m_Tools.iCreateThread(false, 0) == 0;
 }
 
 // The endpoint itself goes on trying while its port is taken, every 5 s, and so does this: the
@@ -139,6 +157,7 @@ void CHelloDaemon::AnnounceReady()
         const int iPort = m_Server.iListeningPort();
         if (iPort != -1) {
             QUORCORE_LOG(LOG_NOTICE, "ready, pid %d, port %d", static_cast<int>(getpid()), iPort);
+            AnnounceTools();
             return;
         }
         const auto waited = std::chrono::steady_clock::now() - begin;
@@ -151,6 +170,21 @@ void CHelloDaemon::AnnounceReady()
         } else {
             std::this_thread::sleep_for(50us);
         }
+    }
+}
+
+// Who cannot listen for tools says so in the log by itself, and goes on trying.
+void CHelloDaemon::AnnounceTools()
+{
+    using namespace std::chrono_literals;
+    const auto begin = std::chrono::steady_clock::now();
+    while (m_bRun && m_Tools.bIsRunning() && std::chrono::steady_clock::now() - begin < 500ms) {
+        if (m_Tools.bGetConnected()) {
+            QUORCORE_LOG(LOG_NOTICE, "ready for tools, port %d, path \"%s\"",
+                         m_Tools.iListeningPort(), m_szToolsPath.c_str());
+            return;
+        }
+        std::this_thread::sleep_for(1ms);
     }
 }
 
@@ -175,6 +209,7 @@ void CHelloDaemon::StartChild()
 void CHelloDaemon::Stop()
 {
     m_Server.iStop(true, false);
+    m_Tools.iStop(true, false);
     m_Supervisor.iStop(true, false);
     m_callbackManager.iStop(true, false);
 }
@@ -188,10 +223,16 @@ void CHelloDaemon::OnConfigSave(CMsg*)
 
 void CHelloDaemon::OnLink(CMsg* pMsg)
 {
+    if (pMsg->m_pOrigin != &m_Server) { // the tools' comings and goings are nobody's news
+        return;
+    }
     const bool bConnected = pMsg->m_iEventId == EVT_COM_CONNECTED;
     if (bConnected != m_bPeerThere) { // every attempt that fails is told as a link that went down
         m_bPeerThere = bConnected;
-        QUORCORE_LOG(LOG_NOTICE, "the peer has %s", bConnected ? "connected" : "gone");
+        const std::string szNews = bConnected ? "the peer has connected" : "the peer has gone";
+        QUORCORE_LOG(LOG_NOTICE, "%s", szNews.c_str());
+        m_Tools.iPushAll(CMD_HELLO_NEWS, reinterpret_cast<const uint8_t*>(szNews.data()),
+                         static_cast<long>(szNews.size()));
     }
 }
 

@@ -4,17 +4,20 @@
 
 #include "../common/CSupervisor.h"
 #include "CHelloServer.h"
+#include "CHelloTools.h"
 
 #include <libQuorCore/libQuorCore.h>
 
 #include <string>
 
 /**
- * @brief The smallest complete daemon: one endpoint, its supervision, and a child if there is one.
+ * @brief The smallest complete daemon: one endpoint, its supervision, and, where they are wanted,
+ * an endpoint for tools and a child.
  *
  * Options beside those of the library: "--config FILE", "--user NAME" and "--group NAME", which
  * go before the keys of the same name, and "--version".
- * Keys: "port" (0: the kernel chooses), "monitoring_period_s", "child" (a program and its
+ * Keys: "port" (0: the kernel chooses), "tools_port" (likewise; -1: none), "tools_path" (of a
+ * Unix-domain socket; empty: none), "monitoring_period_s", "child" (a program and its
  * arguments, separated by blanks; kept as a child process), "user", "group", and "log_level_"
  * followed by the label of a thread.
  */
@@ -47,15 +50,20 @@ private:
     bool bReadSettings();
     bool bReadIdentity();
     bool bStart();
+    bool bStartTools();
     void AnnounceReady();
+    void AnnounceTools();
     void StartChild();
     void Stop();
 
     const std::string m_szUserOption;  ///< Empty: the configuration's.
     const std::string m_szGroupOption; ///< Empty: the configuration's.
     int m_iPort = 0;
+    int m_iToolsPort = -1;     ///< -1: no tools over TCP.
+    std::string m_szToolsPath; ///< Empty: none on this machine.
     bool m_bPeerThere = false; ///< The dispatcher's thread only.
     QuorCore::CProcess m_Child;
     CHelloServer m_Server;
+    CHelloTools m_Tools;
     CSupervisor m_Supervisor; ///< Uses the endpoint, so it is destroyed before it.
 };

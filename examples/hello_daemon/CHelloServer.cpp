@@ -1,10 +1,9 @@
 #include "CHelloServer.h"
 
 #include "../common/HelloProtocol.h"
+#include "Greeting.h"
 
-#include <cstring>
 #include <netinet/in.h>
-#include <string>
 #include <sys/socket.h>
 #include <vector>
 
@@ -28,28 +27,12 @@ long CHelloServer::iInitInstance()
     return lResult;
 }
 
-// The frame comes from whoever reached the port: its size is looked at before its bytes are.
 void CHelloServer::OnCmdGreet(socketFrame_t* pFrame)
 {
-    if (pFrame == nullptr) {
-        return;
+    if (pFrame != nullptr) {
+        std::vector<uint8_t> answer = MakeGreeting(*pFrame);
+        iWrite(reinterpret_cast<socketFrame_t*>(answer.data()));
     }
-    const size_t nameBytes = pFrame->GetDataSize();
-    const bool bGood = nameBytes >= 1 && nameBytes <= kNameBytesMax;
-    std::string szAnswer;
-    if (bGood) {
-        szAnswer = "hello, " + std::string(reinterpret_cast<char*>(pFrame->pGetData()), nameBytes);
-    }
-    // The answer is longer than the request, so it gets memory of its own. The words of the header
-    // that are the peer's go back as they came.
-    std::vector<uint8_t> memory(kFrameHeaderSize + szAnswer.size());
-    std::memcpy(memory.data(), pFrame, kFrameHeaderSize);
-    auto* const pAnswer = reinterpret_cast<socketFrame_t*>(memory.data());
-    pAnswer->SetData(reinterpret_cast<uint8_t*>(szAnswer.data()),
-                     static_cast<int>(szAnswer.size()));
-    pAnswer->error = bGood ? 0 : kErrorBadName;
-    iWrite(pAnswer);
-    QUORCORE_LOG(LOG_DEBUG, "asked to greet, answered \"%s\"", szAnswer.c_str());
 }
 
 int CHelloServer::iListeningPort() const

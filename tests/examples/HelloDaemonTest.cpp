@@ -21,6 +21,7 @@ namespace
 {
 constexpr uint16_t kPing = 10;
 constexpr uint16_t kGreet = 1000;
+constexpr uint16_t kNews = 1001;
 constexpr pid_t kNobody = 65534;
 
 class AHelloDaemon : public ::testing::Test
@@ -153,8 +154,11 @@ TEST_F(AHelloDaemon, EndsInOrderOnSigtermWithItsConfigurationSaved)
               "log_level_CCoreApp=5\n"
               "log_level_hello_server=5\n"
               "log_level_hello_supervisor=3\n"
+              "log_level_hello_tools=5\n"
               "monitoring_period_s=10\n"
               "port=0\n"
+              "tools_path=\n"
+              "tools_port=-1\n"
               "user=\n",
               szSaved());
 }
@@ -322,6 +326,47 @@ TEST_F(AHelloDaemon, AnswersForItsVersion)
 }
 
 /// A line of the configuration that cannot be used, and what the log says about it.
+TEST_F(AHelloDaemon, ServesToolsWhileItsPeerIsConnected)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("port=0\ntools_port=0\n"));
+    const std::vector<std::string> ready = AwaitLog("ready for tools, port ([0-9]+)");
+    ASSERT_FALSE(ready.empty());
+    ASSERT_TRUE(m_Peer.bConnect(m_iPort));
+    CTcpPeer tools[3];
+    for (CTcpPeer& tool : tools) {
+        ASSERT_TRUE(tool.bConnect(std::stoi(ready[1])));
+        ASSERT_TRUE(tool.bSend(FrameBytes(kGreet, "Ada")));
+        Frame answer = ReceiveFrame(tool);
+        if (answer.iCommand == kNews) { // of the peer that has just connected
+            answer = ReceiveFrame(tool);
+        }
+        EXPECT_EQ("hello, Ada", answer.szData);
+    }
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(kGreet, "Bob")));
+    EXPECT_EQ("hello, Bob", ReceiveFrame(m_Peer).szData);
+    EXPECT_EQ(0, iEnd());
+    for (CTcpPeer& tool : tools) {
+        while (ReceiveFrame(tool).iCommand == kNews) {
+        }
+        EXPECT_TRUE(tool.bReceiveEof());
+    }
+}
+
+TEST_F(AHelloDaemon, TellsItsToolsThatItsPeerHasCome)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("port=0\ntools_port=0\n"));
+    const std::vector<std::string> ready = AwaitLog("ready for tools, port ([0-9]+)");
+    ASSERT_FALSE(ready.empty());
+    CTcpPeer tool;
+    ASSERT_TRUE(tool.bConnect(std::stoi(ready[1])));
+    ASSERT_TRUE(tool.bSend(FrameBytes(kPing)));
+    ReceiveFrame(tool); // it is a peer of the daemon by now
+    ASSERT_TRUE(m_Peer.bConnect(m_iPort));
+    const Frame news = ReceiveFrame(tool);
+    EXPECT_EQ(kNews, news.iCommand);
+    EXPECT_EQ("the peer has connected", news.szData);
+}
+
 struct BadLine {
     const char* pszWhat;
     const char* pszLine;
@@ -349,6 +394,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadLine{"APortThatIsTooHigh", "port=70000", ": port=70000 is not a number from 0 to 65535"},
         BadLine{"APortBeyondAnyNumber", "port=99999999999",
                 ": port=99999999999 is not a number from 0 to 65535"},
+        BadLine{"AToolsPortThatIsTooHigh", "tools_port=70000",
+                ": tools_port=70000 is not a number from -1 to 65535"},
         BadLine{"NoPeriodAtAll", "monitoring_period_s=0",
                 ": monitoring_period_s=0 is not a number from 1 to 30"},
         BadLine{"ALevelOfLetters", "log_level_hello_server=chatty",
