@@ -43,7 +43,7 @@ function(quorcore_add_benches folder)
                                     ${PROJECT_SOURCE_DIR}/tests/support/Files.cpp)
     target_include_directories(benchsupport PUBLIC ${dir} ${PROJECT_SOURCE_DIR}/tests
                                             PRIVATE ${PROJECT_SOURCE_DIR}/src)
-    target_link_libraries(benchsupport PUBLIC benchmark::benchmark Threads::Threads)
+    target_link_libraries(benchsupport PUBLIC QuorCore::QuorCore benchmark::benchmark Threads::Threads)
     quorcore_compile_strictly(benchsupport)
     file(GLOB files CONFIGURE_DEPENDS ${dir}/*Bench.cpp)
     foreach(file IN LISTS files)

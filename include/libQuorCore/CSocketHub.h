@@ -131,6 +131,7 @@ public:
      * @brief Sends a frame to a peer, usually the request with the answer in it.
      *
      * The bytes go out at once where the connection takes them, else they wait; no call blocks.
+     * Within a handler they leave when the frames that came together have been handled.
      *
      * @param pFrame  Receives magic and counter. The caller's, complete with its data.
      * @return The frame's bytes; -1: no such peer (any more), or it is dropped for this.

@@ -308,24 +308,29 @@ void CHubLoop::Read(CHubPeer& peer)
     if (lReceived < 1) {
         return;
     }
+    peer.Hold();
+    const CFrameAssembler::eResult last =
+        DispatchAll(peer, {m_aReceived.data(), static_cast<size_t>(lReceived)});
+    peer.Release(); // before the end: what came before a bad frame is answered
+    if (last == CFrameAssembler::eResult::BAD_MAGIC) {
+        peer.Doom(CSocketHub::eGone::BAD_MAGIC);
+    } else if (last == CFrameAssembler::eResult::OVERSIZE) {
+        peer.Doom(CSocketHub::eGone::OVERSIZE);
+    }
+}
+
+CFrameAssembler::eResult CHubLoop::DispatchAll(CHubPeer& peer, received_t received)
+{
     const long lDataMax = std::min<long>(m_hub.m_lSizeDataMax, kFrameDataBytesMax);
-    received_t received{m_aReceived.data(), static_cast<size_t>(lReceived)};
-    while (received.nBytes > 0 && !peer.bDoomed()) {
-        switch (peer.Assembler().eTake(received, lDataMax, m_hub.m_pRxBuffer)) {
-        case CFrameAssembler::eResult::FRAME:
+    auto result = CFrameAssembler::eResult::FRAME;
+    while (result == CFrameAssembler::eResult::FRAME && received.nBytes > 0 && !peer.bDoomed()) {
+        result = peer.Assembler().eTake(received, lDataMax, m_hub.m_pRxBuffer);
+        if (result == CFrameAssembler::eResult::FRAME) {
             peer.Heard(m_iNowMs);
             m_hub.Dispatch(peer.Facts(), reinterpret_cast<socketFrame_t*>(m_hub.m_pRxBuffer));
-            break;
-        case CFrameAssembler::eResult::INCOMPLETE:
-            break;
-        case CFrameAssembler::eResult::BAD_MAGIC:
-            peer.Doom(CSocketHub::eGone::BAD_MAGIC);
-            break;
-        case CFrameAssembler::eResult::OVERSIZE:
-            peer.Doom(CSocketHub::eGone::OVERSIZE);
-            break;
         }
     }
+    return result;
 }
 
 void CHubLoop::Remove(const std::shared_ptr<CHubPeer>& pPeer)

@@ -45,6 +45,7 @@ private:
     void PauseAccepting();
     void ResumeAccepting();
     void Read(CHubPeer& peer);
+    CFrameAssembler::eResult DispatchAll(CHubPeer& peer, received_t received);
     void Remove(const std::shared_ptr<CHubPeer>& pPeer);
     void Sweep();
     int iWaitMs() const;

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <utility>
 
 namespace QuorCore
@@ -35,82 +34,96 @@ bool CHubPeer::bWatch()
     return epoll_ctl(m_epoll.iGet(), EPOLL_CTL_ADD, m_socket.iGet(), &event) == 0;
 }
 
-void CHubPeer::WatchForRoom(bool bOn)
+long CHubPeer::lSend(socketFrameHdr_t& header, const uint8_t* pData, size_t nWrites)
 {
+    const std::lock_guard<std::mutex> held(m_lock);
+    StampHeader(header, m_iCounter);
+    m_iCounter = static_cast<uint16_t>(m_iCounter + nWrites);
+    const size_t nData = header.GetDataSize();
+    const size_t nFrame = kFrameHeaderSize + nData;
+    if (!bHasRoomFor(nFrame)) {
+        return -1;
+    }
+    const auto* const pHeader = reinterpret_cast<const uint8_t*>(&header);
+    m_waiting.insert(m_waiting.end(), pHeader, pHeader + kFrameHeaderSize);
+    if (nData > 0) {
+        m_waiting.insert(m_waiting.end(), pData, pData + nData);
+    }
+    if (!m_bHeld && !m_bAwaitsRoom) {
+        SendWaiting();
+    }
+    return m_bDoomed ? -1 : static_cast<long>(nFrame);
+}
+
+/// Under m_lock. A single frame always has, whatever the limit.
+bool CHubPeer::bHasRoomFor(size_t nFrame)
+{
+    const auto isOver = [&] { return nWaiting() > 0 && nWaiting() + nFrame > m_sendMax; };
+    if (isOver() && !m_bAwaitsRoom) {
+        SendWaiting(); // it was only held
+    }
+    if (isOver()) {
+        DoomLocked(CSocketHub::eGone::TOO_SLOW);
+    }
+    return !m_bDoomed;
+}
+
+/// Under m_lock. What the connection does not take waits until it does.
+void CHubPeer::SendWaiting()
+{
+    if (m_bDoomed || nWaiting() == 0) {
+        return;
+    }
+    const ssize_t lSent =
+        send(m_socket.iGet(), m_waiting.data() + m_sent, nWaiting(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (lSent < 0 && !bIsLater(errno)) {
+        DoomLocked(CSocketHub::eGone::WRITE_ERROR);
+        return;
+    }
+    m_sent += lSent > 0 ? static_cast<size_t>(lSent) : 0;
+    if (nWaiting() == 0) {
+        m_waiting.clear();
+        m_sent = 0;
+        if (m_waiting.capacity() > kKeptBytes) {
+            std::vector<uint8_t>().swap(m_waiting);
+        }
+    } else if (m_sent > m_waiting.size() / 2) { // each byte is moved a few times at most
+        m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<long>(m_sent));
+        m_sent = 0;
+    }
+    AwaitRoom(nWaiting() > 0);
+}
+
+void CHubPeer::AwaitRoom(bool bOn)
+{
+    if (m_bAwaitsRoom == bOn) {
+        return;
+    }
+    m_bAwaitsRoom = bOn;
     epoll_event event = {};
     event.events = bOn ? EPOLLIN | EPOLLOUT : EPOLLIN;
     event.data.u64 = m_facts.id;
     epoll_ctl(m_epoll.iGet(), EPOLL_CTL_MOD, m_socket.iGet(), &event);
 }
 
-long CHubPeer::lSend(socketFrameHdr_t& header, const uint8_t* pData, size_t nWrites)
-{
-    const std::lock_guard<std::mutex> held(m_lock);
-    if (m_bDoomed) {
-        return -1;
-    }
-    StampHeader(header, m_iCounter);
-    m_iCounter = static_cast<uint16_t>(m_iCounter + nWrites);
-    const size_t nData = header.GetDataSize();
-    const size_t nFrame = kFrameHeaderSize + nData;
-    auto* const pHeader = reinterpret_cast<uint8_t*>(&header);
-    size_t nSent = 0;
-    if (m_waiting.empty()) {
-        iovec aParts[] = {{pHeader, kFrameHeaderSize}, {const_cast<uint8_t*>(pData), nData}};
-        msghdr message = {};
-        message.msg_iov = aParts;
-        message.msg_iovlen = nData > 0 ? 2 : 1;
-        const ssize_t lSent = sendmsg(m_socket.iGet(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (lSent < 0 && !bIsLater(errno)) {
-            DoomLocked(CSocketHub::eGone::WRITE_ERROR);
-            return -1;
-        }
-        nSent = lSent > 0 ? static_cast<size_t>(lSent) : 0;
-    }
-    if (nSent == nFrame) {
-        return static_cast<long>(nFrame);
-    }
-    const size_t nWaiting = m_waiting.size() - m_sent;
-    if (nWaiting > 0 && nWaiting + nFrame > m_sendMax) {
-        DoomLocked(CSocketHub::eGone::TOO_SLOW);
-        return -1;
-    }
-    if (nWaiting == 0) {
-        WatchForRoom(true);
-    }
-    const size_t nHeaderSent = std::min(nSent, kFrameHeaderSize);
-    m_waiting.insert(m_waiting.end(), pHeader + nHeaderSent, pHeader + kFrameHeaderSize);
-    if (nData > 0) {
-        m_waiting.insert(m_waiting.end(), pData + (nSent - nHeaderSent), pData + nData);
-    }
-    return static_cast<long>(nFrame);
-}
-
 void CHubPeer::SendMore()
 {
     const std::lock_guard<std::mutex> held(m_lock);
-    if (m_bDoomed || m_waiting.empty()) {
-        return;
-    }
-    const ssize_t lSent = send(m_socket.iGet(), m_waiting.data() + m_sent,
-                               m_waiting.size() - m_sent, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (lSent < 0) {
-        if (!bIsLater(errno)) {
-            DoomLocked(CSocketHub::eGone::WRITE_ERROR);
-        }
-        return;
-    }
-    m_sent += static_cast<size_t>(lSent);
-    if (m_sent == m_waiting.size()) {
-        m_waiting.clear();
-        m_sent = 0;
-        if (m_waiting.capacity() > kKeptBytes) {
-            std::vector<uint8_t>().swap(m_waiting);
-        }
-        WatchForRoom(false);
-    } else if (m_sent > m_waiting.size() / 2) { // each byte is moved a few times at most
-        m_waiting.erase(m_waiting.begin(), m_waiting.begin() + static_cast<long>(m_sent));
-        m_sent = 0;
+    SendWaiting();
+}
+
+void CHubPeer::Hold()
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    m_bHeld = true;
+}
+
+void CHubPeer::Release()
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    m_bHeld = false;
+    if (!m_bAwaitsRoom) {
+        SendWaiting();
     }
 }
 

@@ -47,6 +47,11 @@ public:
     bool bWatch();   ///< Begins to be told of what comes. @return False: the kernel refuses.
     void SendMore(); ///< The connection takes bytes again.
 
+    /// Keeps what is sent from now on until Release(): the answers to frames that came together
+    /// leave together, which costs one system call and wakes the peer once.
+    void Hold();
+    void Release();
+
     /// recv(2) without waiting. @return As recv(2); what ends the connection dooms it.
     ssize_t lReceive(uint8_t* pTarget, size_t size);
 
@@ -62,9 +67,11 @@ public:
     /// @}
 
 private:
-    bool bSendNow(const uint8_t*& pBytes, size_t& nBytes);
+    size_t nWaiting() const { return m_waiting.size() - m_sent; }
+    bool bHasRoomFor(size_t nFrame);
+    void SendWaiting();
+    void AwaitRoom(bool bOn);
     void DoomLocked(CSocketHub::eGone reason);
-    void WatchForRoom(bool bOn);
 
     const CSocketHub::peer_t m_facts;
     const size_t m_sendMax;
@@ -75,6 +82,8 @@ private:
     std::vector<uint8_t> m_waiting; ///< From m_sent on.
     size_t m_sent = 0;
     uint16_t m_iCounter = 0;
+    bool m_bHeld = false;
+    bool m_bAwaitsRoom = false; ///< The loop is told when the connection takes more.
     bool m_bDoomed = false;
     CSocketHub::eGone m_reason = CSocketHub::eGone::CLOSED;
 
