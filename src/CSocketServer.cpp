@@ -1,6 +1,7 @@
 #include "libQuorCore/CSocketServer.h"
 
 #include "internal/CAddressList.h"
+#include "internal/CCancelGuard.h"
 #include "internal/CFdGate.h"
 
 #include <arpa/inet.h>
@@ -29,6 +30,20 @@ CSocketServer::~CSocketServer()
     WithdrawMessages();
 }
 
+void CSocketServer::SetBindAddress(const char* szAddress)
+{
+    const CDeferredCancel deferred;
+    const std::lock_guard<std::mutex> held(m_bindAddressLock);
+    m_szBindAddress = szAddress != nullptr ? szAddress : "";
+}
+
+std::string CSocketServer::szCopyBindAddress()
+{
+    const CDeferredCancel deferred;
+    const std::lock_guard<std::mutex> held(m_bindAddressLock);
+    return m_szBindAddress;
+}
+
 long CSocketServer::iConnect()
 {
     long lResult = 0;
@@ -55,9 +70,14 @@ void CSocketServer::Close()
 // Binds the listening socket to the first address that takes it.
 long CSocketServer::lListen(int& iError)
 {
-    const CAddressList addresses(nullptr, m_iNumPort, m_AddrInfo);
+    const std::string szAddress = szCopyBindAddress();
+    const CAddressList addresses(szAddress.empty() ? nullptr : szAddress.c_str(), m_iNumPort,
+                                 m_AddrInfo, CAddressList::HOST_AS_NUMBERS);
     iError = addresses.iError();
     long lResult = addresses.iResult();
+    if (lResult == EAI_NONAME && !szAddress.empty()) {
+        QUORCORE_LOG(LOG_ERR, "cannot listen on \"%s\": not a numeric address", szAddress.c_str());
+    }
     const addrinfo* pEntry = addresses.pFirst();
     for (; pEntry != nullptr && m_iListenSocket == -1; pEntry = pEntry->ai_next) {
         lResult = lBind(*pEntry, iError);
@@ -76,14 +96,19 @@ long CSocketServer::lBind(const addrinfo& entry, int& iError)
     }
     // Sets the options of the connection, and there is none yet: it fails without effect, and the
     // listening socket stays as the kernel made it. Kept: the port is not to be shared or reused
-    // early. Held by ASocketServer.LeavesTheListeningSocketWithoutOptions.
+    // early by who has not asked for it. Held by
+    // ASocketServer.LeavesTheListeningSocketWithoutOptions.
     lSetOption();
     {
         const CFdPin listener(FdGate(), m_iListenSocket);
         const int iOff = 0;
-        const bool bOpen = entry.ai_family != AF_INET6 ||
-                           setsockopt(listener.iGet(), IPPROTO_IPV6, IPV6_V6ONLY, &iOff,
-                                      sizeof(iOff)) == 0; // for who widens the request to IPv6
+        const int iOn = 1;
+        bool bOpen = entry.ai_family != AF_INET6 ||
+                     setsockopt(listener.iGet(), IPPROTO_IPV6, IPV6_V6ONLY, &iOff,
+                                sizeof(iOff)) == 0; // "::" takes IPv4 peers, too
+        if (bOpen && m_bReuseAddress) {
+            bOpen = setsockopt(listener.iGet(), SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn)) == 0;
+        }
         if (bOpen && bind(listener.iGet(), entry.ai_addr, entry.ai_addrlen) == 0) {
             m_AddrInfo = CAddressList::Detached(entry);
             return 0;

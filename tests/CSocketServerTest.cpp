@@ -1,6 +1,8 @@
 // The endpoint that listens.
 #include "libQuorCore/CSocketServer.h"
 
+#include "internal/CUniqueFd.h"
+
 #include "support/CLogLevel.h"
 #include "support/CMessageStore.h"
 #include "support/CSyslogReceiver.h"
@@ -12,10 +14,12 @@
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <fstream>
 #include <future>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -61,24 +65,70 @@ bool bLogged(int iLevel, const std::string& szText)
     });
 }
 
+/// Starts a server on a port of the kernel's choice. @return The port.
+int iStart(COpenServer& server)
+{
+    server.Configure(0, 1000, "server");
+    server.SetFirstConnectDelay(0);
+    EXPECT_EQ(0, server.iCreateThread(true, kStartLimitMs));
+    return server.iAwaitPort();
+}
+
+/// @return Whether a connection of that port of this machine is in TIME_WAIT; proc(5).
+bool bInTimeWait(int iPort)
+{
+    constexpr int kTimeWait = 6; // TCP_TIME_WAIT of the kernel
+    std::ifstream table("/proc/net/tcp");
+    std::string szLine;
+    std::getline(table, szLine); // the headings
+    bool bFound = false;
+    while (!bFound && std::getline(table, szLine)) {
+        std::istringstream columns(szLine);
+        std::string szSlot;
+        std::string szLocal;
+        std::string szRemote;
+        int iState = 0;
+        columns >> szSlot >> szLocal >> szRemote >> std::hex >> iState;
+        bFound = iState == kTimeWait &&
+                 std::stoi(szLocal.substr(szLocal.find(':') + 1), nullptr, 16) == iPort;
+    }
+    return bFound;
+}
+
+bool bServes(CTcpPeer& peer)
+{
+    return peer.bSend(FrameBytes(CMD_COMMUN_PING, "hello")) && ReceiveFrame(peer).szData == "hello";
+}
+
+bool bHasIpv6Loopback()
+{
+    const CUniqueFd fd(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    return fd && bind(fd.iGet(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+}
+
 /// A server that runs and listens on a port of the kernel's choice.
 class ASocketServer : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        m_Server.Configure(0, 1000, "server");
-        m_Server.SetFirstConnectDelay(0);
-        ASSERT_EQ(0, m_Server.iCreateThread(true, kStartLimitMs));
-        m_iPort = m_Server.iAwaitPort();
-    }
+    void SetUp() override { m_iPort = iStart(m_Server); }
 
     void TearDown() override { m_Server.iStop(true, false); }
 
-    bool bServes(CTcpPeer& peer)
+    /// Ends a connection from this end, so that TIME_WAIT is on the server's port, which it is to
+    /// bind again.
+    void CloseFirst()
     {
-        return peer.bSend(FrameBytes(CMD_COMMUN_PING, "hello")) &&
-               ReceiveFrame(peer).szData == "hello";
+        m_Server.Configure(m_iPort, 1000, "server"); // counts when it binds the next time
+        CTcpPeer peer;
+        ASSERT_TRUE(peer.bConnect(m_iPort));
+        ASSERT_TRUE(bServes(peer));
+        m_Server.Close();
+        ASSERT_TRUE(peer.bReceiveEof());
+        peer.Close();
+        ASSERT_TRUE(bAwait([this] { return bInTimeWait(m_iPort); }));
     }
 
     /// Hurries the waits until the server listens again on its first port.
@@ -246,6 +296,137 @@ TEST_F(ASocketServer, ListensAnewWhenItIsClosedWhileItWaits)
     EXPECT_TRUE(bLogged(LOG_WARNING, " : unknown error = 22")); // what accept() says to that
     EXPECT_TRUE(bLogged(LOG_ERR, "Connexion Failed (err = -1 ;errno = Invalid argument)"));
     EXPECT_TRUE(bListensAgain());
+}
+
+TEST_F(ASocketServer, FailsToTakeItsPortWhileAConnectionOfItsOwnFades)
+{
+    CSyslogReceiver::Get().Clear();
+    CloseFirst();
+    EXPECT_TRUE(bAwait([this] {
+        m_Server.StopDynWait();
+        return CSyslogReceiver::Get().Count(
+                   "Connexion Failed (err = -1 ;errno = Address already in use)") > 0;
+    }));
+    EXPECT_EQ(-1, m_Server.m_iListenSocket);
+}
+
+TEST_F(ASocketServer, TakesItsPortWhileAConnectionOfItsOwnFadesIfItIsToReuseIt)
+{
+    CSyslogReceiver::Get().Clear();
+    m_Server.SetReuseAddress(true);
+    CloseFirst();
+    ASSERT_TRUE(bListensAgain());
+    EXPECT_EQ(m_iPort, m_Server.iAwaitPort());
+    EXPECT_TRUE(bInTimeWait(m_iPort));
+    EXPECT_EQ(0u, CSyslogReceiver::Get().Count("already in use"));
+    CTcpPeer peer;
+    ASSERT_TRUE(peer.bConnect(m_iPort));
+    EXPECT_TRUE(bServes(peer));
+}
+
+TEST_F(ASocketServer, TakesPeersOnAllIpv4AddressesOfTheMachine)
+{
+    CTcpPeer peer;
+    ASSERT_TRUE(peer.bConnectTo("127.0.0.2", m_iPort));
+    EXPECT_TRUE(bServes(peer));
+}
+
+TEST_F(ASocketServer, ListensOnAnotherAddressFromTheNextTimeOn)
+{
+    m_Server.SetBindAddress("127.0.0.2");
+    CTcpPeer peer;
+    ASSERT_TRUE(peer.bConnect(m_iPort)) << "it stays as it is while it listens";
+    ASSERT_TRUE(bServes(peer));
+    m_Server.Close();
+    ASSERT_TRUE(bListensAgain());
+    m_iPort = m_Server.iAwaitPort();
+    EXPECT_FALSE(peer.bConnect(m_iPort));
+    ASSERT_TRUE(peer.bConnectTo("127.0.0.2", m_iPort));
+    EXPECT_TRUE(bServes(peer));
+}
+
+TEST(ASocketServerOnOneAddress, RefusesPeersThatComeToAnother)
+{
+    COpenServer server;
+    server.SetBindAddress("127.0.0.1");
+    const int iPort = iStart(server);
+    CTcpPeer peer;
+    EXPECT_FALSE(peer.bConnectTo("127.0.0.2", iPort));
+    EXPECT_EQ(ECONNREFUSED, errno);
+    ASSERT_TRUE(peer.bConnectTo("127.0.0.1", iPort));
+    EXPECT_TRUE(bServes(peer));
+    EXPECT_EQ(AF_INET, server.m_AddrInfo.ai_family);
+}
+
+TEST(ASocketServerOnOneAddress, ServesPeersThatComeOverIpv6)
+{
+    if (!bHasIpv6Loopback()) {
+        GTEST_SKIP() << "this machine has no IPv6 loopback";
+    }
+    const CLogLevel level;
+    COpenServer server;
+    server.SetBindAddress("::1");
+    const int iPort = iStart(server);
+    CTcpPeer peer;
+    EXPECT_FALSE(peer.bConnectTo("127.0.0.1", iPort));
+    ASSERT_TRUE(peer.bConnectTo("::1", iPort));
+    EXPECT_TRUE(bServes(peer));
+    EXPECT_EQ(AF_INET6, server.m_AddrInfo.ai_family);
+    EXPECT_TRUE(bLogged(LOG_INFO, ">> connect\xC3\xA9 \xC3\xA0 [::1]:"));
+    EXPECT_TRUE(bLogged(LOG_INFO, " " + std::to_string(peer.iPort()) + "\n"));
+}
+
+TEST(ASocketServerOnOneAddress, ListensOnAllAgainWhenItIsTakenBack)
+{
+    for (const char* const szNone : {static_cast<const char*>(nullptr), ""}) {
+        COpenServer server;
+        server.SetBindAddress("127.0.0.1");
+        server.SetBindAddress(szNone);
+        CTcpPeer peer;
+        EXPECT_TRUE(peer.bConnectTo("127.0.0.2", iStart(server)));
+    }
+}
+
+TEST(ASocketServerOnOneAddress, FailsWithoutALookUpWhenItIsNone)
+{
+    const CLogLevel level;
+    CMessageStore store;
+    COpenServer server;
+    server.Configure(0, 100, "server");
+    for (const std::string szAddress :
+         {"localhost", "127.1", "1", "127.0.0.1 ", "127.0.0.256", "::1::", ":", "%s%n"}) {
+        CSyslogReceiver::Get().Clear();
+        server.SetBindAddress(szAddress.c_str());
+        EXPECT_EQ(EAI_NONAME, server.iConnect()) << szAddress;
+        EXPECT_TRUE(
+            bLogged(LOG_ERR, "cannot listen on \"" + szAddress + "\": not a numeric address"));
+        EXPECT_TRUE(bLogged(LOG_ERR, "Connexion Failed (err = -2 ;errno = Invalid argument)"));
+        EXPECT_EQ(-1, server.m_iListenSocket);
+    }
+    EXPECT_EQ(0u, store.Count(&server, EVT_COM_DISCONNECTED));
+}
+
+TEST(ASocketServerOnOneAddress, FailsWhenTheMachineDoesNotHaveIt)
+{
+    const CLogLevel level;
+    COpenServer server;
+    server.Configure(0, 100, "server");
+    server.SetBindAddress("192.0.2.1"); // kept for examples: RFC 5737
+    EXPECT_EQ(-1, server.iConnect());
+    EXPECT_TRUE(
+        bLogged(LOG_ERR, "Connexion Failed (err = -1 ;errno = Cannot assign requested address)"));
+    EXPECT_EQ(-1, server.m_iListenSocket);
+}
+
+TEST(ASocketServerOnAPort, ThatIsListenedOnIsRefusedThoughItIsToReuseIt)
+{
+    CTcpPeer owner;
+    owner.Listen();
+    COpenServer server;
+    server.Configure(owner.iPort(), 100, "server");
+    server.SetReuseAddress(true);
+    EXPECT_EQ(-1, server.iConnect());
+    EXPECT_EQ(-1, server.m_iListenSocket);
 }
 
 TEST(ASocketServerOnAPort, ThatIsTakenLogsWhyAndGoesOn)

@@ -6,17 +6,24 @@
 
 namespace QuorCore
 {
-/// Asks getaddrinfo(3) for the IPv4 stream addresses of a host and a port, and owns its answer.
+/// Asks getaddrinfo(3) for the stream addresses of a host and a port, and owns its answer.
 class CAddressList
 {
 public:
+    /// What a host's text may be.
+    enum eHost {
+        HOST_TO_FIND,   ///< A name or an address, of which IPv4 ones are wanted.
+        HOST_AS_NUMBERS ///< An IPv4 or IPv6 address to bind to; a name is not looked up.
+    };
+
     /**
-     * @param pszHost  Name or numeric address; null for all interfaces of this machine, to bind to.
+     * @param pszHost  As @p host says; null for all IPv4 interfaces of this machine, to bind to.
+     *                 Numbers that are none give EAI_NONAME.
      * @param iPort    0 to 65535; any other gives EAI_SERVICE.
      * @param hints    Overwritten with the request: the object that keeps the address in use shows
      *                 what is being looked for.
      */
-    CAddressList(const char* pszHost, int iPort, addrinfo& hints);
+    CAddressList(const char* pszHost, int iPort, addrinfo& hints, eHost host = HOST_TO_FIND);
     CAddressList(const CAddressList&) = delete;
     CAddressList& operator=(const CAddressList&) = delete;
     ~CAddressList();

@@ -20,9 +20,9 @@ void Check(int iResult, const char* pszCall)
     }
 }
 
-QuorCore::CUniqueFd NewSocket()
+QuorCore::CUniqueFd NewSocket(int iFamily = AF_INET)
 {
-    QuorCore::CUniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    QuorCore::CUniqueFd fd(socket(iFamily, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     Check(fd.iGet(), "socket");
     return fd;
 }
@@ -34,6 +34,26 @@ sockaddr_in LoopbackAddress(int iPort)
     address.sin_port = htons(static_cast<uint16_t>(iPort));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return address;
+}
+
+// Writes the address of either family. Returns its length.
+socklen_t AddressOf(const std::string& szAddress, int iPort, sockaddr_storage& storage)
+{
+    storage = {};
+    auto& ipv4 = reinterpret_cast<sockaddr_in&>(storage);
+    auto& ipv6 = reinterpret_cast<sockaddr_in6&>(storage);
+    const auto port = htons(static_cast<uint16_t>(iPort));
+    if (inet_pton(AF_INET, szAddress.c_str(), &ipv4.sin_addr) == 1) {
+        ipv4.sin_family = AF_INET;
+        ipv4.sin_port = port;
+        return sizeof(ipv4);
+    }
+    if (inet_pton(AF_INET6, szAddress.c_str(), &ipv6.sin6_addr) == 1) {
+        ipv6.sin6_family = AF_INET6;
+        ipv6.sin6_port = port;
+        return sizeof(ipv6);
+    }
+    throw std::system_error(EINVAL, std::generic_category(), szAddress);
 }
 
 void Bind(int iFd, int iPort)
@@ -104,11 +124,17 @@ bool CTcpPeer::bAccept(int iLimitMs)
 
 bool CTcpPeer::bConnect(int iPort, int iLimitMs)
 {
+    return bConnectTo("127.0.0.1", iPort, iLimitMs);
+}
+
+bool CTcpPeer::bConnectTo(const std::string& szAddress, int iPort, int iLimitMs)
+{
     Close();
-    m_Socket = NewSocket();
-    const sockaddr_in address = LoopbackAddress(iPort);
+    sockaddr_storage address;
+    const socklen_t addressLength = AddressOf(szAddress, iPort, address);
+    m_Socket = NewSocket(address.ss_family);
     int iError = 0;
-    if (connect(m_Socket.iGet(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+    if (connect(m_Socket.iGet(), reinterpret_cast<const sockaddr*>(&address), addressLength) ==
         -1) {
         iError = errno;
     }

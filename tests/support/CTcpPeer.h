@@ -41,6 +41,9 @@ public:
     /// @return False: refused, or not done within @p iLimitMs; errno tells.
     bool bConnect(int iPort, int iLimitMs = kAwaitLimitMs);
 
+    /// @brief As bConnect(), to a numeric IPv4 or IPv6 address of the loopback.
+    bool bConnectTo(const std::string& szAddress, int iPort, int iLimitMs = kAwaitLimitMs);
+
     /// @return True: all bytes were taken by the kernel. False: connection lost, none, or too slow.
     bool bSend(const std::string& szBytes, int iLimitMs = kAwaitLimitMs);
 
