@@ -8,12 +8,12 @@ namespace QuorCore
 {
 int CSocketReader::iEnter(const std::atomic<int>& slot)
 {
-    const int iFormer = m_pin.iGet();
-    const int iFd = m_pin.iEnter(slot);
-    if (iFd != iFormer) {
-        m_iNext = m_iEnd = 0;
+    const int iStaying = iStay(slot);
+    if (iStaying != -1) {
+        return iStaying;
     }
-    return iFd;
+    Leave(); // first: once it is unpinned the next connection may have the same number
+    return m_pin.iEnter(slot);
 }
 
 void CSocketReader::Leave()

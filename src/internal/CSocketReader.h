@@ -29,6 +29,14 @@ public:
     /// Pins the connection that @p slot names, as CFdPin does. @return Its descriptor, or -1.
     int iEnter(const std::atomic<int>& slot);
 
+    /// Pins nothing else, so that what was begun on one connection is not ended on another.
+    /// @return The descriptor that is pinned, if @p slot names it still, else -1.
+    int iStay(const std::atomic<int>& slot) const
+    {
+        const int iFd = slot;
+        return iFd == m_pin.iGet() ? iFd : -1;
+    }
+
     void Leave(); ///< Unpins what was pinned.
 
     /**

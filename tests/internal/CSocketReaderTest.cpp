@@ -1,11 +1,16 @@
 // A connection that is read ahead.
 #include "internal/CSocketReader.h"
 
+#include "internal/CUniqueFd.h"
+
 #include "support/CDeadline.h"
+#include "support/CTcpPeer.h"
+#include "support/Frames.h"
 
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
+#include <future>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -142,6 +147,43 @@ TEST_F(ASocketReader, GivesNothingOfAConnectionThatItHasLeftThoughTheNumberIsThe
     ASSERT_EQ(iFirst, m_pReader->iEnter(m_Slot)) << "the kernel gives the lowest free number";
     Send("new");
     EXPECT_EQ("new", szReceive(10));
+}
+
+TEST_F(ASocketReader, GivesNothingOfAConnectionWhoseNumberIsTakenWhileItIsBeingClosed)
+{
+    CTcpPeer peer;
+    const CUniqueFd firstPeer(m_iPeer); // these stay open, so that all lower numbers stay taken
+    const CUniqueFd first(m_Slot.exchange(iConnectTo(peer)));
+    const CUniqueFd formerListener(dup(m_iPeer));
+    const linger lingering = {1, 5}; // on, seconds: as endpoints have it
+    ASSERT_EQ(0, setsockopt(m_Slot, SOL_SOCKET, SO_LINGER, &lingering, sizeof(lingering)));
+    const std::string szFlood(1024 * 1024, 'x');
+    while (send(m_Slot, szFlood.data(), szFlood.size(), MSG_DONTWAIT) > 0) { // nobody reads it
+    }
+    const int iFirst = m_pReader->iEnter(m_Slot);
+    ASSERT_TRUE(peer.bSend("old and unread"));
+    EXPECT_EQ("old", szReceive(3));
+    m_Gate.Retire(m_Slot);
+    auto entering = std::async(std::launch::async, [&] { return m_pReader->iEnter(m_Slot); });
+    ASSERT_TRUE(bAwait([&] { return fcntl(iFirst, F_GETFD) == -1; })); // its close() lingers
+    Connect();
+    ASSERT_EQ(iFirst, m_Slot) << "the kernel gives the lowest free number";
+    peer.Reset();
+    ASSERT_EQ(iFirst, entering.get());
+    Send("new");
+    EXPECT_EQ("new", szReceive(10));
+}
+
+TEST_F(ASocketReader, StaysOnlyAsLongAsItsConnectionIsTheOneInUse)
+{
+    EXPECT_EQ(-1, m_pReader->iStay(m_Slot)) << "nothing is pinned yet";
+    const int iFirst = m_pReader->iEnter(m_Slot);
+    EXPECT_EQ(iFirst, m_pReader->iStay(m_Slot));
+    m_Gate.Retire(m_Slot);
+    EXPECT_EQ(-1, m_pReader->iStay(m_Slot));
+    close(m_iPeer);
+    Connect();
+    EXPECT_EQ(-1, m_pReader->iStay(m_Slot));
 }
 
 TEST_F(ASocketReader, HasNothingToReadFromWithoutAConnection)
