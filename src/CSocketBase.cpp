@@ -422,6 +422,7 @@ bool CSocketBase::bTakeAsAnswer(socketFrame_t* pFrame)
     if (m_ExchangeResult != kExchangePending) {
         return false; // a request is written after this is set, so no answer passes here
     }
+    const CDeferredCancel deferred; // no end between the result and its event
     if (!bSettleExchange(pFrame)) {
         return false;
     }

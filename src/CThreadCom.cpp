@@ -103,6 +103,7 @@ long CThreadCom::iRead(uint8_t*, long, long*)
 
 long CThreadCom::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
 {
+    const CDeferredCancel deferred; // no end between the result and its event
     if (!bSettleExchange(pFrame, lSizeTotal)) {
         return 0;
     }
@@ -255,6 +256,7 @@ bool CThreadCom::bIsReadingThread() const
 
 void CThreadCom::AbortExchange()
 {
+    const CDeferredCancel deferred; // no end between the result and its event
     {
         const CHeldLock<CRecursiveLock> held(m_LockDataExchange);
         if (!held || m_ExchangeResult != kExchangePending) {

@@ -9,6 +9,7 @@
 #include "support/CTcpPeer.h"
 #include "support/CUntakeableLock.h"
 #include "support/Frames.h"
+#include "support/Sanitized.h"
 
 #include <array>
 #include <atomic>
@@ -16,6 +17,7 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <gtest/gtest.h>
@@ -23,6 +25,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
 using namespace QuorCore;
 using namespace TestSupport;
@@ -122,6 +125,40 @@ public:
 private:
     CUniqueFd m_Socket;
     std::string m_szKept;
+};
+
+/// Hands over an answer and then waits to be cancelled; without objects that this would destroy.
+class CCancelledReader : public COpenCom
+{
+public:
+    using COpenCom::COpenCom;
+    ~CCancelledReader() override { iStop(true, false); }
+
+    long iRunThread() override
+    {
+        static uint8_t aAnswer[] = "OK";
+        m_bRun = true;
+        m_thread = pthread_self();
+        m_iKernelId = gettid();
+        lDispatchTrame(aAnswer, 2, nullptr); // sleeps for its lock, and for nothing else
+        for (;;) {
+            pause();
+        }
+    }
+
+    /// @return Whether the thread is asleep in lDispatchTrame() or later; proc(5).
+    bool bSleeps() const
+    {
+        std::ifstream stat("/proc/self/task/" + std::to_string(m_iKernelId) + "/stat");
+        std::string szLine;
+        std::getline(stat, szLine);
+        const size_t nEndOfName = szLine.rfind(") ");
+        return m_iKernelId != 0 && nEndOfName != std::string::npos &&
+               szLine.compare(nEndOfName, 3, ") S") == 0;
+    }
+
+    std::atomic<pthread_t> m_thread{0};
+    std::atomic<pid_t> m_iKernelId{0};
 };
 
 class AThreadCom : public ::testing::Test
@@ -418,6 +455,25 @@ TEST_F(AThreadCom, IsNotEndedByTheEventOfAnEarlierAnswer)
         m_Com.m_EventRead.iSetEvent();
     }
     EXPECT_EQ(-7, timed.get());
+}
+
+TEST_F(AThreadCom, WakesItsExchangeThoughTheReaderIsCancelledAtThatVeryMoment)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    CCancelledReader com(nullptr, "com");
+    com.m_bConnected = true;
+    auto exchange = std::async(std::launch::async, [&com] {
+        return com.iExchange(nullptr, 0, nullptr, nullptr, 0, nullptr, kAmpleMs);
+    });
+    ASSERT_TRUE(com.bAwaitPending());
+    ASSERT_EQ(0, com.m_LockDataExchange.iLock());
+    EXPECT_EQ(0, com.iCreateThread(true, kStartLimitMs));
+    EXPECT_TRUE(bAwait([&com] { return com.bSleeps(); }));
+    EXPECT_EQ(0, pthread_cancel(com.m_thread)); // waits until the lock is free again
+    com.m_LockDataExchange.UnLock();
+    EXPECT_EQ(0, exchange.get());
 }
 
 TEST_F(AnExchangeOfTexts, EndsWithTheTagAnywhereInTheAnswer)
