@@ -42,7 +42,7 @@ class CSendParts
 public:
     CSendParts(uint8_t* pHeader, size_t nHeader, const uint8_t* pBytes, size_t nBytes)
         : m_aParts{iovec{pHeader, nHeader}, iovec{const_cast<uint8_t*>(pBytes), nBytes}},
-          m_bJoined(nHeader > 0 && nHeader + nBytes <= m_aJoined.size())
+          m_bJoined(nHeader > 0 && nBytes > 0 && nHeader + nBytes <= m_aJoined.size())
     {
         if (m_bJoined) { // for so few bytes the kernel's look at two parts costs more than a copy
             std::memcpy(m_aJoined.data(), pHeader, nHeader);
@@ -308,7 +308,8 @@ long CSocketBase::iWrite(uint8_t* pFrame, long lSizeTotal)
     if (pFrame == nullptr && lSizeTotal > 0) {
         return -1;
     }
-    return lInWriteTurn([&](int iFd) { return lSendAll(iFd, pFrame, lSizeTotal); });
+    const long lSize = std::max(lSizeTotal, 0L);
+    return lInWriteTurn([&](int iFd) { return lSendAll(iFd, pFrame, lSize); });
 }
 
 long CSocketBase::lSendAll(int iFd, const uint8_t* pFrame, long lSizeTotal)

@@ -440,6 +440,45 @@ TEST_F(ASocketBase, SendsOnAfterASignal)
     EXPECT_TRUE(m_Endpoint.bGetConnected());
 }
 
+TEST_F(ASocketBase, SendsSmallCommandsWholeThroughSignals)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, nullptr)); // without SA_RESTART: send() is cut short
+    const int iLeast = 1;
+    ASSERT_EQ(0, setsockopt(m_Endpoint.m_iSocket, SOL_SOCKET, SO_SNDBUF, &iLeast, sizeof(iLeast)));
+    const int kFrames = iRounds(2000);
+    std::promise<pthread_t> thread;
+    auto sending = std::async(std::launch::async, [&] {
+        thread.set_value(pthread_self());
+        for (int i = 0; i < kFrames; ++i) {
+            std::string szData(static_cast<size_t>(400 + i % 90), static_cast<char>('a' + i % 26));
+            m_Endpoint.iWrite(static_cast<uint16_t>(i), pBytes(szData), lSize(szData), 0, 0, 0, 0);
+        }
+    });
+    const pthread_t writer = thread.get_future().get();
+    int iWhole = 0;
+    for (int i = 0; i < kFrames; ++i) {
+        pthread_kill(writer, SIGUSR1); // harmless when it has ended: nobody has joined it yet
+        const Frame frame = ReceiveFrame(m_Peer);
+        iWhole +=
+            frame.iCommand == i && frame.szData == std::string(static_cast<size_t>(400 + i % 90),
+                                                               static_cast<char>('a' + i % 26))
+                ? 1
+                : 0;
+    }
+    EXPECT_EQ(kFrames, iWhole);
+}
+
+TEST_F(ASocketBase, SendsNothingOfASizeBelowZero)
+{
+    std::string szBytes = "bytes";
+    EXPECT_EQ(1, m_Endpoint.iWrite(pBytes(szBytes), -1));
+    EXPECT_EQ(5, m_Endpoint.iWrite(pBytes(szBytes), 5));
+    EXPECT_EQ("bytes", m_Peer.szReceive(5));
+    EXPECT_EQ(2, m_Endpoint.m_iMsgCounter);
+}
+
 TEST_F(ASocketBase, EndsAWriteThatAnotherThreadCloses)
 {
     std::string szFlood(16 * 1024 * 1024, 'x');
