@@ -185,7 +185,6 @@ long CSocketBase::iRunThread()
         if (bGetConnected()) {
             lCarried = lServeOneFrame(lCarried);
         } else {
-            reader.Leave(); // who has closed it left that to us
             Reconnect(iWaitSec);
             lCarried = 0;
         }
@@ -230,8 +229,13 @@ long CSocketBase::lServeOneFrame(long lCarried)
 
 void CSocketBase::Reconnect(int iWaitSec)
 {
+    // Unpins a connection that was closed, which was left to us, also one that is closed during the
+    // wait: its port is bound next. One that SetConnected(false) has left open stays as it is, with
+    // what was read ahead: it may be resumed.
+    m_pReader->iEnter(m_iSocket);
     if (iWaitSec > 0) {
         bDynWait(iWaitSec);
+        m_pReader->iEnter(m_iSocket);
     }
     if (!m_bRun) {
         return;
@@ -362,7 +366,8 @@ long CSocketBase::iRead(uint8_t* pFrame, long lSizeToRead, long* plNbrRcv)
     }
     while (lRead < lSizeToRead && m_bConnected) {
         int iError = 0;
-        const long lChunk = lReceive(pFrame + lRead, lSizeToRead - lRead, iError);
+        const bool bBegun = lRead > 0 || m_bInFrame;
+        const long lChunk = lReceive(pFrame + lRead, lSizeToRead - lRead, bBegun, iError);
         if (lChunk > 0) {
             lRead += lChunk;
             iEmptyReads = 0;
@@ -383,19 +388,31 @@ long CSocketBase::iRead(uint8_t* pFrame, long lSizeToRead, long* plNbrRcv)
     return lRead;
 }
 
-long CSocketBase::lReceive(uint8_t* pTarget, long lSize, int& iError)
+bool CSocketBase::bInLoop() const
 {
-    const bool bInLoop = bIsReadingThread() && m_pReader != nullptr;
+    return bIsReadingThread() && m_pReader != nullptr;
+}
+
+// bBegun: the bytes before these were received already. In the loop they come from the connection
+// that those came from, or not at all: another thread may have connected anew meanwhile.
+long CSocketBase::lReceive(uint8_t* pTarget, long lSize, bool bBegun, int& iError)
+{
+    const bool bAhead = bInLoop();
     CFdPin passing(*m_pFdGate); // for who reads outside of the loop
-    const int iFd = bInLoop ? m_pReader->iEnter(m_iSocket) : passing.iEnter(m_iSocket);
-    if (iFd == -1 && !m_bConnected) { // closed since the caller asked
+    int iFd = -1;
+    if (bAhead) {
+        iFd = bBegun ? m_pReader->iStay(m_iSocket) : m_pReader->iEnter(m_iSocket);
+    } else {
+        iFd = passing.iEnter(m_iSocket);
+    }
+    if (iFd == -1 && (!m_bConnected || (bAhead && bBegun))) { // closed since the caller asked
         iError = ENOTCONN;
         return 0;
     }
     const auto nWanted = static_cast<size_t>(lSize);
     errno = 0; // the end of the stream leaves it alone, and it is looked at all the same
     const ssize_t lChunk =
-        bInLoop ? m_pReader->lReceive(pTarget, nWanted) : recv(iFd, pTarget, nWanted, MSG_WAITALL);
+        bAhead ? m_pReader->lReceive(pTarget, nWanted) : recv(iFd, pTarget, nWanted, MSG_WAITALL);
     iError = errno;
     return lChunk;
 }
@@ -607,7 +624,7 @@ long CSocketBase::lRead(socketFrame_t* pFrame, long lSizeToRead, long* plNbrRcv)
         return lHeader;
     }
     if (lHeader < kHeader) {
-        return -1;
+        return lCutFrame();
     }
     const eHeader verdict = JudgeHeader(*pFrame, lSizeToRead);
     if (verdict == eHeader::BAD_MAGIC) {
@@ -622,14 +639,21 @@ long CSocketBase::lRead(socketFrame_t* pFrame, long lSizeToRead, long* plNbrRcv)
     if (iSize == 0) {
         return lHeader;
     }
+    const CForScope inFrame(m_bInFrame, true);
     const long lData = iRead(pFrame->pGetData(), static_cast<long>(iSize), &lReceived);
     if (lData < static_cast<long>(iSize)) {
-        return -1; // cut short: the rest would be what the frame before has left in the buffer
+        return lCutFrame(); // its rest would be what the frame before has left in the buffer
     }
     if (plNbrRcv != nullptr) {
         *plNbrRcv = static_cast<long>(iSize);
     }
     return lData;
+}
+
+// A frame that was cut short costs its connection, but not the one that has replaced that already.
+long CSocketBase::lCutFrame()
+{
+    return bInLoop() && bGetConnected() && m_pReader->iStay(m_iSocket) == -1 ? 0 : -1;
 }
 
 long CSocketBase::iExchangeCmd(uint16_t command, uint8_t* pPayload, long size,

@@ -3,6 +3,8 @@
 
 #include "libQuorCore/CSocketClient.h"
 
+#include "internal/CUniqueFd.h"
+
 #include "support/CLogLevel.h"
 #include "support/CMessageStore.h"
 #include "support/CSyslogReceiver.h"
@@ -21,7 +23,9 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -138,6 +142,20 @@ public:
 private:
     std::mutex m_lock;
     std::vector<long> m_lengths;
+};
+
+/// Goes on with the connection that it has, instead of making another.
+class CResumer : public COpenEndpoint<CSocketBase>
+{
+public:
+    using COpenEndpoint::COpenEndpoint;
+    ~CResumer() override { iStop(true, false); }
+
+    long iConnect() override
+    {
+        SetConnected(true);
+        return 0;
+    }
 };
 
 /// A running endpoint that is connected to m_Peer.
@@ -426,6 +444,45 @@ TEST_F(ARunningSocketBase, LetsAHandlerReadTheDataThatWasTooLong)
     EXPECT_EQ("next", ReceiveFrame(m_Peer).szData);
     EXPECT_EQ(1500, read.get_future().get());
     EXPECT_EQ(szData, szRest);
+}
+
+TEST_F(ARunningSocketBase, CompletesNoFrameWithBytesOfTheNextConnection)
+{
+    std::atomic<int> iHandled{0};
+    m_Endpoint.iStop(true, false);
+    m_Endpoint.m_OnFrame = [&](socketFrame_t*) { ++iHandled; };
+    for (const size_t nCut : {10u, 50u}) { // within the header, within the data
+        Restart(1000);
+        const std::string szFrame = FrameBytes(m_Endpoint.m_iHandled, std::string(100, 'd'));
+        ASSERT_TRUE(m_Peer.bSend(szFrame.substr(0, nCut)));
+        ASSERT_TRUE(bAwait([this] {
+            int iUnread = -1;
+            return ioctl(m_Endpoint.m_iSocket, FIONREAD, &iUnread) == 0 && iUnread == 0;
+        }));
+        CTcpPeer next;
+        const CUniqueFd former(m_Endpoint.m_iSocket.exchange(iConnectTo(next)));
+        ASSERT_EQ(0, shutdown(former.iGet(), SHUT_RDWR)); // wakes the reader
+        ASSERT_TRUE(next.bSend(FrameBytes(CMD_COMMUN_PING, std::string(200, 'n'))));
+        EXPECT_EQ(std::string(200, 'n'), ReceiveFrame(next).szData);
+        m_Endpoint.iStop(true, false);
+    }
+    EXPECT_EQ(0, iHandled);
+}
+
+TEST(AResumedSocketBase, HasLostNothingOfItsConnection)
+{
+    CTcpPeer peer;
+    CResumer endpoint(iConnectTo(peer));
+    endpoint.m_OnFrame = [&](socketFrame_t*) { endpoint.SetConnected(false); };
+    endpoint.Configure(0, 1000, "peer");
+    ASSERT_EQ(0, endpoint.iCreateThread(true, kStartLimitMs));
+    ASSERT_TRUE(peer.bSend(FrameBytes(endpoint.m_iHandled) + FrameBytes(CMD_COMMUN_PING, "next")));
+    ASSERT_TRUE(bAwait([&] {
+        endpoint.StopDynWait();
+        pollfd entry = {peer.iSocket(), POLLIN, 0};
+        return poll(&entry, 1, 0) == 1;
+    }));
+    EXPECT_EQ("next", ReceiveFrame(peer).szData);
 }
 
 TEST_F(ARunningSocketBase, AcceptsDataUpToItsMaximum)

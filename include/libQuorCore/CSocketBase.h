@@ -215,8 +215,9 @@ public:
      * @param pFrame       The caller's; 20 + @p lSizeToRead bytes.
      * @param lSizeToRead  Largest data in bytes, negative as 0.
      * @param plNbrRcv     Receives the data size read. May be null.
-     * @return Above 0: a frame is there. 0: nothing came, the caller tries again. -1: a cut or bad
-     *         frame, which costs the connection: there is no search for the next one.
+     * @return Above 0: a frame is there. 0: nothing came, or the rest of a frame will not come as
+     *         another connection is up already; the caller tries again. -1: a cut or bad frame,
+     *         which costs the connection: there is no search for the next one.
      */
     virtual long lRead(socketFrame_t* pFrame, long lSizeToRead, long* plNbrRcv);
 
@@ -289,7 +290,9 @@ private:
     long lSendAll(int iFd, const uint8_t* pFrame, long lSizeTotal);
     void Abandon();
     void FinishFailedSend(int iError);
-    long lReceive(uint8_t* pTarget, long lSize, int& iError);
+    bool bInLoop() const;
+    long lReceive(uint8_t* pTarget, long lSize, bool bBegun, int& iError);
+    long lCutFrame();
     bool bTakeAsAnswer(socketFrame_t* pFrame);
     bool bSettleExchange(socketFrame_t* pFrame);
 
@@ -304,6 +307,7 @@ private:
     std::atomic<int> m_iStopping{0};    ///< Calls of iStop() that still use the object.
     CSocketReader* m_pReader = nullptr; ///< The loop's; only its thread looks.
     bool m_bOversize = false; ///< The frame last read has data that was not read; its reader's.
+    bool m_bInFrame = false;  ///< The data of a frame is being read; its reader's.
     uint16_t m_iCommandToWait = 0; ///< Unchanged while m_pTagToWait points here.
     int m_iWriteDepth = 0;         ///< Guarded by m_RecursiveLock.
     int m_iTurnFd = -1;            ///< Of the write under way. Guarded by m_RecursiveLock.
