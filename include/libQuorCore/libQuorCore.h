@@ -4,6 +4,7 @@
 
 #include "libQuorCore/CCallbackMap.h"
 #include "libQuorCore/CCoreApp.h"
+#include "libQuorCore/CEventTimer.h"
 #include "libQuorCore/CFileConfig.h"
 #include "libQuorCore/CFileNotification.h"
 #include "libQuorCore/CInvokeCallback.h"
@@ -24,9 +25,13 @@
 #include "libQuorCore/CSocketServer.h"
 #include "libQuorCore/CThread.h"
 #include "libQuorCore/CThreadCom.h"
+#include "libQuorCore/CTimerManager.h"
+#include "libQuorCore/Chrono.h"
 #include "libQuorCore/Export.h"
+#include "libQuorCore/crc-16.h"
 #include "libQuorCore/process_cap.h"
 #include "libQuorCore/socketFrame.h"
+#include "libQuorCore/string_tools.h"
 #include "libQuorCore/synchro.h"
 
 /// @name Version of the library, as "--lib-quorcore-version" prints it.
