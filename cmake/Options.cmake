@@ -9,6 +9,7 @@ option(QUORCORE_STATIC "Build a static library; also chosen by BUILD_SHARED_LIBS
        ${static_by_default})
 option(QUORCORE_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(QUORCORE_EXAMPLES "Build the example daemons" ${PROJECT_IS_TOP_LEVEL})
+option(QUORCORE_TOOLS "Build the command-line tools; needs CLI11 and jsoncpp" ${PROJECT_IS_TOP_LEVEL})
 option(QUORCORE_BENCH "Build the benchmarks" OFF)
 option(QUORCORE_FUZZ "Build the fuzz targets and all else with them; needs Clang" OFF)
 option(QUORCORE_WERROR "Let a compiler warning fail the build" OFF)
