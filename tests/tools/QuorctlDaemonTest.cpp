@@ -203,7 +203,7 @@ TEST_F(QuorctlWithADaemon, MeasuresIt)
                      " ms\nthroughput = [0-9]+ frames/s, " + szNumber + " MB/s each way\n"));
 }
 
-TEST_F(QuorctlWithADaemon, MonitorsItWhileAnsweringItsPings)
+TEST_F(QuorctlWithADaemon, MonitorsItUntilCtrlC)
 {
     CChild monitor(Quorctl({"--port", m_szPort, "monitor"}));
     ASSERT_FALSE(AwaitLog("the peer has connected").empty());
@@ -224,5 +224,60 @@ TEST_F(QuorctlWithADaemon, TellsThatAnotherPeerIsConnected)
     EXPECT_EQ("quorctl: no answer in 300 ms from 127.0.0.1:" + m_szPort +
                   " (is another peer connected?)\n",
               result.szErrors);
+}
+
+/// @brief A hello_daemon with its endpoint for tools, which serves many peers, over and over.
+class QuorctlWithToolsEndpoint : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        WriteFile(m_szConfig, "port=0\ntools_port=0\ntools_path=" + m_szPath + '\n');
+        m_pDaemon = std::make_unique<CChild>(Program({HELLO_DAEMON, "--config", m_szConfig}));
+        const std::vector<std::string> ready = AwaitLog("ready for tools, port ([0-9]+)");
+        ASSERT_FALSE(ready.empty());
+        m_szPort = ready[1];
+    }
+
+    static std::string szOutputOf(std::vector<std::string> args,
+                                  const std::vector<std::string>& target)
+    {
+        args.insert(args.end(), target.begin(), target.end());
+        args.insert(args.end(), {"--timeout", "20000"});
+        const ChildResult result = RunQuorctl(args);
+        EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+        return result.szOutput;
+    }
+
+    const CTempDirectory m_Directory;
+    const std::string m_szConfig = m_Directory.szPath("daemon.conf");
+    const std::string m_szPath = m_Directory.szPath("tools");
+    std::unique_ptr<CChild> m_pDaemon;
+    std::string m_szPort;
+};
+
+TEST_F(QuorctlWithToolsEndpoint, RunsOneCommandAfterTheOtherOverTcpAndUnix)
+{
+    for (const std::vector<std::string>& target :
+         {std::vector<std::string>{"--port", m_szPort}, {"--unix", m_szPath}}) {
+        szOutputOf({"wait"}, target);
+        EXPECT_EQ("hello_daemon\n", szOutputOf({"name"}, target));
+        EXPECT_EQ(std::to_string(m_pDaemon->iPid()) + '\n', szOutputOf({"pid"}, target));
+        EXPECT_THAT(szOutputOf({"log", "set", "hello_tools=debug"}, target),
+                    HasSubstr("hello_tools: "));
+        EXPECT_THAT(szOutputOf({"log"}, target), HasSubstr("  hello_tools       7 debug\n"));
+    }
+}
+
+TEST_F(QuorctlWithToolsEndpoint, MeasuresItOverManyConnections)
+{
+    for (const std::vector<std::string>& target :
+         {std::vector<std::string>{"--port", m_szPort}, {"--unix", m_szPath}}) {
+        const std::vector<Json::Value> objects = JsonLines(szOutputOf(
+            {"bench", "--connections", "8", "--pipeline", "4", "--requests", "500", "--json"},
+            target));
+        ASSERT_EQ(1U, objects.size());
+        EXPECT_EQ(500, objects[0]["requests"].asInt());
+    }
 }
 } // namespace
