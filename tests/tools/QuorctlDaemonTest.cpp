@@ -19,7 +19,7 @@ class QuorctlWithADaemon : public ::testing::Test
 protected:
     void SetUp() override
     {
-        WriteFile(m_szConfig, "port=0\nlog_level_hello_supervisor=4\n");
+        WriteFile(m_szConfig, "port=0\n");
         m_pDaemon = std::make_unique<CChild>(Program({HELLO_DAEMON, "--config", m_szConfig}));
         const std::vector<std::string> ready = AwaitLog("ready, pid ([0-9]+), port ([0-9]+)");
         ASSERT_FALSE(ready.empty());
@@ -115,56 +115,6 @@ TEST_F(QuorctlWithADaemon, TellsItsProcessIdInJson)
     EXPECT_EQ(m_pDaemon->iPid(), JsonOf({"pid"})["pid"].asInt());
 }
 
-TEST_F(QuorctlWithADaemon, ShowsItsLogLevels)
-{
-    const std::string szTable = szOutputOf({"log"});
-    EXPECT_THAT(szTable, ::testing::StartsWith("Index  Thread            Level\n    0  "));
-    EXPECT_THAT(szTable, HasSubstr("  hello_supervisor  4 warning\n"));
-    EXPECT_THAT(szTable, HasSubstr("  CCoreApp          5 notice\n"));
-    EXPECT_THAT(szTable, HasSubstr("  CCallbackManager  5 notice\n"));
-    EXPECT_THAT(szTable, HasSubstr("  hello_server      5 notice\n"));
-}
-
-TEST_F(QuorctlWithADaemon, ShowsItsLogLevelsInJson)
-{
-    const Json::Value json = JsonOf({"log", "list"});
-    EXPECT_EQ("hello_daemon", json["daemon"].asString());
-    ASSERT_EQ(4U, json["threads"].size());
-    for (unsigned i = 0; i < 4; ++i) {
-        const Json::Value& thread = json["threads"][i];
-        EXPECT_EQ(i, thread["index"].asUInt());
-        const bool bSupervisor = thread["thread"].asString() == "hello_supervisor";
-        EXPECT_EQ(bSupervisor ? 4 : 5, thread["level"].asInt());
-        EXPECT_EQ(bSupervisor ? "warning" : "notice", thread["level_name"].asString());
-    }
-}
-
-TEST_F(QuorctlWithADaemon, SetsALogLevelWhichTheDaemonKeeps)
-{
-    EXPECT_EQ("hello_server: 5 notice -> 7 debug\n",
-              szOutputOf({"log", "set", "hello_server=debug"}));
-    EXPECT_FALSE(AwaitLog("configuration saved").empty());
-    EXPECT_THAT(szReadFile(m_szConfig), HasSubstr("log_level_hello_server=7\n"));
-}
-
-TEST_F(QuorctlWithADaemon, SetsLogLevelsByPatternAndLabel)
-{
-    const std::string szChanges = szOutputOf({"log", "set", "CC*=6", "hello_supervisor=warning"});
-    EXPECT_THAT(szChanges, HasSubstr("CCoreApp: 5 notice -> 6 info\n"));
-    EXPECT_THAT(szChanges, HasSubstr("CCallbackManager: 5 notice -> 6 info\n"));
-    EXPECT_THAT(szChanges, HasSubstr("hello_supervisor: 4 warning (unchanged)\n"));
-}
-
-TEST_F(QuorctlWithADaemon, SetsALogLevelByIndexInJson)
-{
-    const Json::Value json = JsonOf({"log", "set", "2=emerg"});
-    ASSERT_EQ(1U, json["changes"].size());
-    EXPECT_EQ(2, json["changes"][0]["index"].asInt());
-    EXPECT_EQ(0, json["changes"][0]["after"].asInt());
-    EXPECT_EQ("emerg", json["changes"][0]["after_name"].asString());
-    EXPECT_TRUE(json["changes"][0].isMember("before"));
-}
-
 TEST_F(QuorctlWithADaemon, SendsItACommand)
 {
     EXPECT_THAT(szOutputOf({"send", "1000", "--data", "Ada"}),
@@ -178,13 +128,6 @@ TEST_F(QuorctlWithADaemon, PrintsAnAnswerWithAnErrorAndFails)
     EXPECT_EQ(1, result.iExitCode);
     EXPECT_THAT(result.szOutput, HasSubstr("command 1000, error 1, "));
     EXPECT_EQ("quorctl: 127.0.0.1:" + m_szPort + " answered with error 1\n", result.szErrors);
-}
-
-TEST_F(QuorctlWithADaemon, LeavesWithoutAnAnswerAndLosesNoCommand)
-{
-    EXPECT_EQ("", szOutputOf({"send", "16", "--hex", "00 07 01 07 02 07 03 07", "--no-answer"}));
-    EXPECT_FALSE(AwaitLog("configuration saved").empty());
-    EXPECT_THAT(szReadFile(m_szConfig), HasSubstr("log_level_hello_server=7\n"));
 }
 
 TEST_F(QuorctlWithADaemon, WaitsForIt)
@@ -230,13 +173,24 @@ TEST_F(QuorctlWithADaemon, TellsThatAnotherPeerIsConnected)
 class QuorctlWithToolsEndpoint : public ::testing::Test
 {
 protected:
+    static constexpr unsigned kThreads = 5;
+
+    // Returns when all threads have a place on the log page: they start side by side, and their
+    // indices change until the last is there.
     void SetUp() override
     {
-        WriteFile(m_szConfig, "port=0\ntools_port=0\ntools_path=" + m_szPath + '\n');
+        WriteFile(m_szConfig, "port=0\ntools_port=0\ntools_path=" + m_szPath +
+                                  "\nlog_level_hello_supervisor=4\n");
         m_pDaemon = std::make_unique<CChild>(Program({HELLO_DAEMON, "--config", m_szConfig}));
         const std::vector<std::string> ready = AwaitLog("ready for tools, port ([0-9]+)");
         ASSERT_FALSE(ready.empty());
         m_szPort = ready[1];
+        ASSERT_TRUE(bAwait([this] { return JsonOf({"log"})["threads"].size() == kThreads; }));
+    }
+
+    std::string szOutputOf(const std::vector<std::string>& args) const
+    {
+        return szOutputOf(args, {"--port", m_szPort});
     }
 
     static std::string szOutputOf(std::vector<std::string> args,
@@ -245,8 +199,17 @@ protected:
         args.insert(args.end(), target.begin(), target.end());
         args.insert(args.end(), {"--timeout", "20000"});
         const ChildResult result = RunQuorctl(args);
-        EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+        EXPECT_EQ(0, result.iExitCode);
+        EXPECT_EQ("", result.szErrors);
         return result.szOutput;
+    }
+
+    Json::Value JsonOf(std::vector<std::string> args) const
+    {
+        args.emplace_back("--json");
+        const std::vector<Json::Value> objects = JsonLines(szOutputOf(args));
+        EXPECT_EQ(1U, objects.size());
+        return objects.empty() ? Json::Value() : objects[0];
     }
 
     const CTempDirectory m_Directory;
@@ -255,6 +218,65 @@ protected:
     std::unique_ptr<CChild> m_pDaemon;
     std::string m_szPort;
 };
+
+TEST_F(QuorctlWithToolsEndpoint, ShowsItsLogLevels)
+{
+    const std::string szTable = szOutputOf({"log"});
+    EXPECT_THAT(szTable, ::testing::StartsWith("Index  Thread            Level\n    0  "));
+    EXPECT_THAT(szTable, HasSubstr("  hello_supervisor  4 warning\n"));
+    EXPECT_THAT(szTable, HasSubstr("  CCoreApp          5 notice\n"));
+    EXPECT_THAT(szTable, HasSubstr("  CCallbackManager  5 notice\n"));
+    EXPECT_THAT(szTable, HasSubstr("  hello_server      5 notice\n"));
+    EXPECT_THAT(szTable, HasSubstr("  hello_tools       5 notice\n"));
+}
+
+TEST_F(QuorctlWithToolsEndpoint, ShowsItsLogLevelsInJson)
+{
+    const Json::Value json = JsonOf({"log", "list"});
+    EXPECT_EQ("hello_daemon", json["daemon"].asString());
+    ASSERT_EQ(kThreads, json["threads"].size());
+    for (unsigned i = 0; i < kThreads; ++i) {
+        const Json::Value& thread = json["threads"][i];
+        EXPECT_EQ(i, thread["index"].asUInt());
+        const bool bSupervisor = thread["thread"].asString() == "hello_supervisor";
+        EXPECT_EQ(bSupervisor ? 4 : 5, thread["level"].asInt());
+        EXPECT_EQ(bSupervisor ? "warning" : "notice", thread["level_name"].asString());
+    }
+}
+
+TEST_F(QuorctlWithToolsEndpoint, SetsALogLevelWhichTheDaemonKeeps)
+{
+    EXPECT_EQ("hello_server: 5 notice -> 7 debug\n",
+              szOutputOf({"log", "set", "hello_server=debug"}));
+    EXPECT_FALSE(AwaitLog("configuration saved").empty());
+    EXPECT_THAT(szReadFile(m_szConfig), HasSubstr("log_level_hello_server=7\n"));
+}
+
+TEST_F(QuorctlWithToolsEndpoint, SetsLogLevelsByPatternAndLabel)
+{
+    const std::string szChanges = szOutputOf({"log", "set", "CC*=6", "hello_supervisor=warning"});
+    EXPECT_THAT(szChanges, HasSubstr("CCoreApp: 5 notice -> 6 info\n"));
+    EXPECT_THAT(szChanges, HasSubstr("CCallbackManager: 5 notice -> 6 info\n"));
+    EXPECT_THAT(szChanges, HasSubstr("hello_supervisor: 4 warning (unchanged)\n"));
+}
+
+TEST_F(QuorctlWithToolsEndpoint, SetsALogLevelByIndexInJson)
+{
+    const Json::Value json = JsonOf({"log", "set", "2=emerg"});
+    ASSERT_EQ(1U, json["changes"].size());
+    EXPECT_EQ(2, json["changes"][0]["index"].asInt());
+    EXPECT_EQ(0, json["changes"][0]["after"].asInt());
+    EXPECT_EQ("emerg", json["changes"][0]["after_name"].asString());
+    EXPECT_TRUE(json["changes"][0].isMember("before"));
+}
+
+TEST_F(QuorctlWithToolsEndpoint, LeavesWithoutAnAnswerAndLosesNoCommand)
+{
+    EXPECT_EQ("",
+              szOutputOf({"send", "16", "--hex", "00 07 01 07 02 07 03 07 04 07", "--no-answer"}));
+    EXPECT_FALSE(AwaitLog("configuration saved").empty());
+    EXPECT_THAT(szReadFile(m_szConfig), HasSubstr("log_level_hello_server=7\n"));
+}
 
 TEST_F(QuorctlWithToolsEndpoint, RunsOneCommandAfterTheOtherOverTcpAndUnix)
 {
