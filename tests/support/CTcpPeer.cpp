@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <system_error>
 
 namespace TestSupport
@@ -129,13 +130,29 @@ bool CTcpPeer::bConnect(int iPort, int iLimitMs)
 
 bool CTcpPeer::bConnectTo(const std::string& szAddress, int iPort, int iLimitMs)
 {
-    Close();
     sockaddr_storage address;
-    const socklen_t addressLength = AddressOf(szAddress, iPort, address);
-    m_Socket = NewSocket(address.ss_family);
+    const socklen_t length = AddressOf(szAddress, iPort, address);
+    return bConnectSocket(reinterpret_cast<const sockaddr*>(&address), length, iLimitMs);
+}
+
+bool CTcpPeer::bConnectUnix(const std::string& szPath)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (szPath.size() >= sizeof(address.sun_path)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    szPath.copy(address.sun_path, szPath.size());
+    return bConnectSocket(reinterpret_cast<const sockaddr*>(&address), sizeof(address), 0);
+}
+
+bool CTcpPeer::bConnectSocket(const sockaddr* pAddress, socklen_t addressLength, int iLimitMs)
+{
+    Close();
+    m_Socket = NewSocket(pAddress->sa_family);
     int iError = 0;
-    if (connect(m_Socket.iGet(), reinterpret_cast<const sockaddr*>(&address), addressLength) ==
-        -1) {
+    if (connect(m_Socket.iGet(), pAddress, addressLength) == -1) {
         iError = errno;
     }
     if (iError == EINPROGRESS) {

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <string>
+#include <sys/socket.h>
 
 namespace TestSupport
 {
@@ -15,7 +16,8 @@ namespace TestSupport
 int iFreePort();
 
 /**
- * @brief A raw TCP listener or client on 127.0.0.1 with at most one connection at a time.
+ * @brief A raw stream listener or client with at most one connection at a time, on 127.0.0.1 unless
+ * told otherwise.
  *
  * Bytes are strings. Owns its descriptors. Every wait has a limit. Descriptors are close-on-exec,
  * no call raises SIGPIPE. Threads: one at a time. Errors: what cannot go wrong in a working test
@@ -44,6 +46,9 @@ public:
     /// @brief As bConnect(), to a numeric IPv4 or IPv6 address of the loopback.
     bool bConnectTo(const std::string& szAddress, int iPort, int iLimitMs = kAwaitLimitMs);
 
+    /// @brief The same to a Unix-domain socket, which takes a connection at once or not at all.
+    bool bConnectUnix(const std::string& szPath);
+
     /// @return True: all bytes were taken by the kernel. False: connection lost, none, or too slow.
     bool bSend(const std::string& szBytes, int iLimitMs = kAwaitLimitMs);
 
@@ -64,6 +69,8 @@ public:
     int iSocket() const { return m_Socket.iGet(); }
 
 private:
+    bool bConnectSocket(const sockaddr* pAddress, socklen_t addressLength, int iLimitMs);
+
     QuorCore::CUniqueFd m_Listener;
     QuorCore::CUniqueFd m_Socket;
 };
