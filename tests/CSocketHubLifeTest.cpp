@@ -317,6 +317,34 @@ TEST(ASocketHubsLife, EndsWithItsObjectDeletedByItself)
     EXPECT_TRUE(bAwait([&] { return nOpenDescriptors() == nBefore; }));
 }
 
+TEST(ASocketHubsLife, GoesOnBesideAChildThatKeepsItsDescriptors)
+{
+    COpenHub hub;
+    ASSERT_TRUE(bStart(hub));
+    const int iPort = hub.iListeningPort();
+    CTcpPeer peer;
+    CTcpPeer other;
+    ASSERT_TRUE(peer.bConnect(iPort));
+    ASSERT_TRUE(other.bConnect(iPort));
+    ASSERT_TRUE(bAnswersAPing(peer));
+    ASSERT_TRUE(bAnswersAPing(other));
+    CChild child([] {
+        pause();
+        return 0;
+    });
+    peer.Close(); // in this process, which is half of it
+    ASSERT_TRUE(hub.bDropPeer(hub.Peers().back().id));
+    EXPECT_TRUE(other.bReceiveEof()) << "though the child has the connection, too";
+    EXPECT_TRUE(hub.bAwaitGone(eGone::DROPPED));
+    const long lBeforeMs = lCpuMs(hub.iGetThreadId());
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // to see whether it is busy
+    EXPECT_LT(lCpuMs(hub.iGetThreadId()) - lBeforeMs, 150);
+    hub.iStop(true, false);
+    COpenHub next;
+    ASSERT_TRUE(bStart(next, iPort)) << "the port is free, though the child has the socket";
+    EXPECT_TRUE(bServes(next));
+}
+
 TEST(ASocketHubsLife, GoesOnWhenDescriptorsRunOut)
 {
     if (kNeedsDescriptors) {

@@ -206,6 +206,13 @@ void CHubLoop::UpdateListening()
                          m_local.bWanted == static_cast<bool>(m_local.listener);
 }
 
+void CHubLoop::StopListening(place_t& place)
+{
+    // Also if a child that was forked has the socket: see CHubPeer::Close().
+    epoll_ctl(m_epoll.iGet(), EPOLL_CTL_DEL, place.listener.iGet(), nullptr);
+    place.listener.Close();
+}
+
 void CHubLoop::Handle(uint64_t iTag, uint32_t iEvents)
 {
     if (iTag == kTagWake) {
@@ -245,7 +252,7 @@ void CHubLoop::Accept(place_t& place)
             PauseAccepting();
             return;
         } else if (errno == EBADF || errno == EINVAL || errno == ENOTSOCK) {
-            place.listener.Close(); // and listens anew
+            StopListening(place); // and listens anew
             UpdateListening();
         } // else: that peer has given up, or the network with it
     }

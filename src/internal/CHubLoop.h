@@ -39,6 +39,7 @@ private:
     void Listen();
     void Listen(place_t& place);
     void UpdateListening();
+    void StopListening(place_t& place);
     void Handle(uint64_t iTag, uint32_t iEvents);
     void Accept(place_t& place);
     void Admit(CUniqueFd socket, bool bLocal);

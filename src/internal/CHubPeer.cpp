@@ -162,7 +162,11 @@ bool CHubPeer::bDoomed() const
 CSocketHub::eGone CHubPeer::Close()
 {
     const std::lock_guard<std::mutex> held(m_lock);
-    m_bDoomed = true; // who still has this object sends nothing any more
+    // A child that was forked meanwhile has the connection, too. The peer is to see its end all the
+    // same, and epoll(7), which forgets a connection when nobody has it any more, to tell of it no
+    // more. And who still has this object sends nothing.
+    DoomLocked(CSocketHub::eGone::CLOSED);
+    epoll_ctl(m_epoll.iGet(), EPOLL_CTL_DEL, m_socket.iGet(), nullptr);
     m_socket.Reset();
     std::vector<uint8_t>().swap(m_waiting);
     return m_reason;

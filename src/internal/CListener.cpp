@@ -130,6 +130,9 @@ int CListener::iKeep(CUniqueFd socket)
 
 void CListener::Close()
 {
+    if (m_socket) { // frees the port though a child that was forked has the socket, too
+        shutdown(m_socket.iGet(), SHUT_RDWR);
+    }
     m_socket.Reset();
     struct stat file = {};
     if (!m_szPath.empty() && lstat(m_szPath.c_str(), &file) == 0 && file.st_ino == m_file.st_ino &&
