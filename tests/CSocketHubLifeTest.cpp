@@ -396,6 +396,36 @@ TEST(ASocketHubsLife, GoesOnWhenDescriptorsRunOut)
     EXPECT_EQ(0, result.iExitCode) << result.szErrors;
 }
 
+TEST(ASocketHubsLife, LogsOnceThatDescriptorsHaveRunOut)
+{
+    if (kNeedsDescriptors) {
+        GTEST_SKIP() << kNeedsDescriptorsReason;
+    }
+    CSyslogReceiver::Get().Clear();
+    const ChildResult result = RunInChild([] {
+        const CLogLevel level;
+        COpenHub hub;
+        CTcpPeer peer;
+        hub.SetLogLevel(LOG_DEBUG);
+        if (!bStart(hub)) {
+            return 1;
+        }
+        AllowDescriptors(1);
+        if (!peer.bConnect(hub.iListeningPort()) ||
+            !bAwaitLogged(LOG_ERR, "no peer is taken for now: Too many open files")) {
+            return 2;
+        }
+        const CDeadline severalTries(1200);
+        while (!severalTries.bPassed()) {
+            usleep(10000);
+        }
+        AllowAllDescriptors();
+        return bAnswersAPing(peer) ? 0 : 3;
+    });
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+    EXPECT_EQ(1U, CSyslogReceiver::Get().Count("no peer is taken for now"));
+}
+
 TEST(ASocketHubsLife, GoesOnThroughAFloodOfConnections)
 {
     COpenHub hub;

@@ -267,7 +267,7 @@ void CHubLoop::Admit(CUniqueFd socket, bool bLocal)
         }
         return; // which closes it: better than no answer
     }
-    m_bFull = false;
+    m_bFull = m_bStarved = false;
     if (!bLocal) {
         SetTcpOptions(socket.iGet());
     }
@@ -286,25 +286,30 @@ void CHubLoop::Admit(CUniqueFd socket, bool bLocal)
 // The listeners stay, and the kernel keeps who comes meanwhile.
 void CHubLoop::PauseAccepting()
 {
-    QUORCORE_LOG(LOG_ERR, "no peer is taken for now: %s",
-                 CThread::m_Logger.strerrorT(errno).c_str());
-    for (place_t* const pPlace : {&m_tcp, &m_local}) {
-        if (pPlace->listener) {
-            epoll_ctl(m_epoll.iGet(), EPOLL_CTL_DEL, pPlace->listener.iGet(), nullptr);
-        }
+    const int iError = errno;
+    if (!std::exchange(m_bStarved, true)) {
+        QUORCORE_LOG(LOG_ERR, "no peer is taken for now: %s",
+                     CThread::m_Logger.strerrorT(iError).c_str());
     }
+    WatchListeners(false);
     m_iResumeMs = m_iNowMs + kAcceptPauseMs;
 }
 
 void CHubLoop::ResumeAccepting()
 {
     m_iResumeMs = -1;
+    WatchListeners(true);
+}
+
+// They stay in the set: to put them into it again could fail for want of memory.
+void CHubLoop::WatchListeners(bool bOn)
+{
     for (place_t* const pPlace : {&m_tcp, &m_local}) {
         epoll_event event = {};
-        event.events = EPOLLIN;
+        event.events = bOn ? EPOLLIN : 0U;
         event.data.u64 = pPlace->iTag;
         if (pPlace->listener) {
-            epoll_ctl(m_epoll.iGet(), EPOLL_CTL_ADD, pPlace->listener.iGet(), &event);
+            epoll_ctl(m_epoll.iGet(), EPOLL_CTL_MOD, pPlace->listener.iGet(), &event);
         }
     }
 }

@@ -45,6 +45,7 @@ private:
     void Admit(CUniqueFd socket, bool bLocal);
     void PauseAccepting();
     void ResumeAccepting();
+    void WatchListeners(bool bOn);
     void Read(CHubPeer& peer);
     CFrameAssembler::eResult DispatchAll(CHubPeer& peer, received_t received);
     void Remove(const std::shared_ptr<CHubPeer>& pPeer);
@@ -62,7 +63,8 @@ private:
     int64_t m_iNowMs; ///< When the events at hand came.
     int64_t m_iSweepMs = 0;
     int64_t m_iResumeMs = -1; ///< When peers are accepted again; -1: they are.
-    bool m_bFull = false;     ///< It was logged that there are too many peers.
+    bool m_bFull = false;     ///< It was logged that there are too many peers,
+    bool m_bStarved = false;  ///< and that descriptors have run out.
     std::array<uint8_t, 65536> m_aReceived;
 };
 } // namespace QuorCore
