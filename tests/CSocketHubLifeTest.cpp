@@ -426,6 +426,24 @@ TEST(ASocketHubsLife, LogsOnceThatDescriptorsHaveRunOut)
     EXPECT_EQ(1U, CSyslogReceiver::Get().Count("no peer is taken for now"));
 }
 
+TEST(ASocketHubsLife, BeginsThoughItWasMadeWhenThereWereNoDescriptors)
+{
+    if (kNeedsDescriptors) {
+        GTEST_SKIP() << kNeedsDescriptorsReason;
+    }
+    const ChildResult result = RunInChild([] {
+        AllowDescriptors(0);
+        COpenHub hub;
+        AllowAllDescriptors();
+        if (!bStart(hub) || !bServes(hub)) {
+            return 1;
+        }
+        hub.iStop(true, false);
+        return hub.bGetConnected() ? 2 : 0;
+    });
+    EXPECT_EQ(0, result.iExitCode) << result.szErrors;
+}
+
 TEST(ASocketHubsLife, GoesOnThroughAFloodOfConnections)
 {
     COpenHub hub;

@@ -150,13 +150,15 @@ void CHubLoop::Run()
     }
 }
 
+// Without an eventfd, when descriptors had run out as the hub was made, a stop is noticed later.
 bool CHubLoop::bOpen()
 {
     m_epoll.Reset(epoll_create1(EPOLL_CLOEXEC));
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.u64 = kTagWake;
-    return m_epoll && epoll_ctl(m_epoll.iGet(), EPOLL_CTL_ADD, m_wake.iGet(), &event) == 0;
+    return m_epoll &&
+           (!m_wake || epoll_ctl(m_epoll.iGet(), EPOLL_CTL_ADD, m_wake.iGet(), &event) == 0);
 }
 
 void CHubLoop::Listen()
