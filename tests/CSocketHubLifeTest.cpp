@@ -285,6 +285,31 @@ TEST(ASocketHubsLife, EndsWithItsObjectUnderLoad)
     }
 }
 
+TEST(ASocketHubsLife, EndsBetweenTwoFramesHoweverManyHaveCome)
+{
+    constexpr int kFrames = 3000;
+    CDoor inHandler;
+    std::atomic<int> nHandled{0};
+    COpenHub hub;
+    hub.m_OnFrame = [&](socketFrame_t*) {
+        ++nHandled;
+        inHandler.Open();
+        hub.Sleep(10);
+    };
+    ASSERT_TRUE(bStart(hub));
+    CTcpPeer peer;
+    ASSERT_TRUE(peer.bConnect(hub.iListeningPort()));
+    std::string szAll;
+    for (int i = 0; i < kFrames; ++i) {
+        szAll += FrameBytes(COpenHub::kHandled);
+    }
+    ASSERT_TRUE(peer.bSend(szAll));
+    ASSERT_TRUE(inHandler.bPass());
+    hub.iStop(true, false);
+    EXPECT_LT(nHandled, kFrames / 2);
+    EXPECT_TRUE(hub.bAwaitGone(eGone::STOPPED)) << "it was not cancelled";
+}
+
 TEST(ASocketHubsLife, EndsWithItsObjectDeletedByItself)
 {
     class CGone : public COpenHub

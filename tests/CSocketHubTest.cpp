@@ -636,6 +636,22 @@ TEST_F(ASocketHub, HandlesNothingMoreOfAPeerThatAHandlerDrops)
     EXPECT_EQ(1, nHandled);
 }
 
+TEST_F(ASocketHub, HandlesNothingMoreOnceAHandlerHasStoppedIt)
+{
+    std::atomic<int> nHandled{0};
+    m_Hub.m_OnFrame = [&](socketFrame_t*) {
+        ++nHandled;
+        m_Hub.iStop(false, false);
+    };
+    Start();
+    Connect(m_Peer);
+    const std::string szFrame = FrameBytes(COpenHub::kHandled);
+    ASSERT_TRUE(m_Peer.bSend(szFrame + szFrame + szFrame));
+    EXPECT_TRUE(m_Hub.bAwaitGone(eGone::STOPPED));
+    EXPECT_TRUE(m_Peer.bReceiveEof());
+    EXPECT_EQ(1, nHandled);
+}
+
 TEST_F(ASocketHub, PushesToOthersFromAHandler)
 {
     m_Hub.m_OnFrame = [&](socketFrame_t* pFrame) {

@@ -337,7 +337,8 @@ CFrameAssembler::eResult CHubLoop::DispatchAll(CHubPeer& peer, received_t receiv
 {
     const long lDataMax = std::min<long>(m_hub.m_lSizeDataMax, kFrameDataBytesMax);
     auto result = CFrameAssembler::eResult::FRAME;
-    while (result == CFrameAssembler::eResult::FRAME && received.nBytes > 0 && !peer.bDoomed()) {
+    while (result == CFrameAssembler::eResult::FRAME && received.nBytes > 0 && m_hub.m_bRun &&
+           !peer.bDoomed()) {
         result = peer.Assembler().eTake(received, lDataMax, m_hub.m_pRxBuffer);
         if (result == CFrameAssembler::eResult::FRAME) {
             peer.Heard(m_iNowMs);
