@@ -636,6 +636,20 @@ TEST_F(ASocketHub, HandlesNothingMoreOfAPeerThatAHandlerDrops)
     EXPECT_EQ(1, nHandled);
 }
 
+TEST_F(ASocketHub, SendsWhatAHandlerAnswersBeforeItDropsThePeer)
+{
+    m_Hub.m_OnFrame = [&](socketFrame_t* pFrame) {
+        const peerId_t id = m_Hub.pAskingPeer()->id;
+        m_Hub.iAnswer(id, pFrame);
+        m_Hub.bDropPeer(id);
+    };
+    Start();
+    Connect(m_Peer);
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(COpenHub::kHandled, "farewell")));
+    EXPECT_EQ("farewell", ReceiveFrame(m_Peer).szData);
+    EXPECT_TRUE(m_Peer.bReceiveEof());
+}
+
 TEST_F(ASocketHub, HandlesNothingMoreOnceAHandlerHasStoppedIt)
 {
     std::atomic<int> nHandled{0};

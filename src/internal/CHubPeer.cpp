@@ -141,6 +141,9 @@ ssize_t CHubPeer::lReceive(uint8_t* pTarget, size_t size)
 void CHubPeer::Doom(CSocketHub::eGone reason)
 {
     const std::lock_guard<std::mutex> held(m_lock);
+    if (m_bHeld && !m_bAwaitsRoom) {
+        SendWaiting(); // a handler that answers and then drops the peer has answered it
+    }
     DoomLocked(reason);
 }
 
