@@ -566,6 +566,58 @@ TEST_F(ASocketHub, DropsAPeerWhoseFrameNeverBecomesWhole)
     EXPECT_EQ("", m_Peer.szReceive(1)) << "it was not to be pinged";
 }
 
+TEST_F(ASocketHub, DoesNotDropWhomItHadNoTimeToHear)
+{
+    constexpr int kDropMs = 400;
+    CDoor inHandler;
+    CDoor mayGoOn;
+    m_Hub.SetSilence(0, kDropMs);
+    m_Hub.m_OnFrame = [&](socketFrame_t*) {
+        inHandler.Open();
+        EXPECT_TRUE(mayGoOn.bPass());
+    };
+    Start();
+    CTcpPeer other;
+    Connect(m_Peer);
+    Connect(other);
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(COpenHub::kHandled)));
+    ASSERT_TRUE(inHandler.bPass());
+    ASSERT_TRUE(other.bSend(FrameBytes(CMD_COMMUN_PING, "waits to be read")));
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(kDropMs + 100)); // its silence, were it one
+    mayGoOn.Open();
+    EXPECT_EQ("waits to be read", ReceiveFrame(other).szData);
+    EXPECT_TRUE(bAnswersAPing(m_Peer)) << "its frame has only just been handled";
+}
+
+TEST_F(ASocketHub, DoesNotDropWhomItHadNoTimeToAsk)
+{
+    constexpr int kDropMs = 400;
+    CDoor inHandler;
+    CDoor mayGoOn;
+    m_Hub.SetSilence(kDropMs / 2, kDropMs);
+    m_Hub.m_OnFrame = [&](socketFrame_t*) {
+        inHandler.Open();
+        EXPECT_TRUE(mayGoOn.bPass());
+    };
+    Start();
+    CTcpPeer quiet;
+    Connect(m_Peer);
+    Connect(quiet);
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(COpenHub::kHandled)));
+    ASSERT_TRUE(inHandler.bPass());
+    if (!quiet.szReceive(kHeaderBytes, 0).empty()) { // on a slow machine it was asked before
+        ASSERT_TRUE(quiet.bSend(FrameBytes(CMD_COMMUN_PONG)));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(kDropMs + 100));
+    mayGoOn.Open();
+    EXPECT_EQ(CMD_COMMUN_PING, ReceiveFrame(quiet).iCommand);
+    ASSERT_TRUE(quiet.bSend(FrameBytes(CMD_COMMUN_PONG)));
+    EXPECT_TRUE(bAnswersAPing(m_Peer));
+    EXPECT_EQ(2U, m_Hub.nPeers());
+    EXPECT_TRUE(m_Hub.bAwaitGone(eGone::IDLE)) << "in the end";
+}
+
 TEST_F(ASocketHub, TakesNoMorePeersThanItIsTo)
 {
     m_Hub.SetPeersMax(2);

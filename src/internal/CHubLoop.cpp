@@ -337,13 +337,17 @@ CFrameAssembler::eResult CHubLoop::DispatchAll(CHubPeer& peer, received_t receiv
 {
     const long lDataMax = std::min<long>(m_hub.m_lSizeDataMax, kFrameDataBytesMax);
     auto result = CFrameAssembler::eResult::FRAME;
+    bool bHeard = false;
     while (result == CFrameAssembler::eResult::FRAME && received.nBytes > 0 && m_hub.m_bRun &&
            !peer.bDoomed()) {
         result = peer.Assembler().eTake(received, lDataMax, m_hub.m_pRxBuffer);
         if (result == CFrameAssembler::eResult::FRAME) {
-            peer.Heard(m_iNowMs);
+            bHeard = true;
             m_hub.Dispatch(peer.Facts(), reinterpret_cast<socketFrame_t*>(m_hub.m_pRxBuffer));
         }
+    }
+    if (bHeard) {
+        peer.Heard(iNowMs()); // from now on, however long the handlers took
     }
     return result;
 }
@@ -371,13 +375,29 @@ void CHubLoop::Sweep()
     }
     m_iSweepMs = m_iNowMs + m_iSweepPeriodMs;
     for (const auto& pPeer : m_peers.All()) {
-        if (m_settings.iDropMs > 0 && pPeer->iSilenceMs(m_iNowMs) >= m_settings.iDropMs) {
+        if (bSilentTooLong(*pPeer)) {
             pPeer->Doom(CSocketHub::eGone::IDLE);
+        }
+        if (pPeer->bDoomed()) {
             Remove(pPeer);
         } else if (m_settings.iPingMs > 0 && pPeer->bToBeAsked(m_iNowMs, m_settings.iPingMs)) {
             m_hub.iPush(pPeer->Facts().id, CMD_COMMUN_PING, nullptr, 0);
         }
     }
+}
+
+// A handler that took its time, or a process that was halted, is not the peer's silence: what has
+// come meanwhile counts, and nobody is dropped who was not asked.
+bool CHubLoop::bSilentTooLong(CHubPeer& peer)
+{
+    const auto isSilent = [&] {
+        return m_settings.iDropMs > 0 && peer.iSilenceMs(m_iNowMs) >= m_settings.iDropMs;
+    };
+    if (isSilent()) {
+        Read(peer);
+    }
+    const bool bAsks = m_settings.iPingMs > 0 && m_settings.iPingMs < m_settings.iDropMs;
+    return isSilent() && (peer.bAsked() || !bAsks);
 }
 
 int CHubLoop::iWaitMs() const

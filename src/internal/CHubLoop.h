@@ -50,6 +50,7 @@ private:
     CFrameAssembler::eResult DispatchAll(CHubPeer& peer, received_t received);
     void Remove(const std::shared_ptr<CHubPeer>& pPeer);
     void Sweep();
+    bool bSilentTooLong(CHubPeer& peer);
     int iWaitMs() const;
 
     CSocketHub& m_hub;

@@ -62,6 +62,8 @@ public:
     void Heard(int64_t iNowMs) { m_iHeardMs = m_iAskedMs = iNowMs; } ///< A frame has come.
     int64_t iSilenceMs(int64_t iNowMs) const { return iNowMs - m_iHeardMs; }
 
+    bool bAsked() const { return m_iAskedMs != m_iHeardMs; } ///< Since it was heard.
+
     /// @return Whether it was neither heard nor asked for so long; from now on it was asked.
     bool bToBeAsked(int64_t iNowMs, int iPeriodMs);
     /// @}
