@@ -21,6 +21,22 @@ std::string szOrEmpty(const char* szText)
 {
     return szText != nullptr ? szText : "";
 }
+
+/// Names the peer whose frame is being handled, for a scope; a cancelled handler leaves it as well.
+class CAsking
+{
+public:
+    CAsking(const CSocketHub::peer_t*& pAsking, const CSocketHub::peer_t& peer) : m_pAsking(pAsking)
+    {
+        m_pAsking = &peer;
+    }
+    CAsking(const CAsking&) = delete;
+    CAsking& operator=(const CAsking&) = delete;
+    ~CAsking() { m_pAsking = nullptr; }
+
+private:
+    const CSocketHub::peer_t*& m_pAsking;
+};
 } // namespace
 
 /// Answers one of the common commands.
@@ -246,16 +262,31 @@ long CSocketHub::iStop(bool bWait, bool bForce)
     return bAutoDelete ? 0 : CThreadCom::iStop(bWait, bForce);
 }
 
-// A handler that throws has a peer's frame to blame, and the other peers go on.
-void CSocketHub::Dispatch(const peer_t& peer, socketFrame_t* pFrame)
+// A handler that throws has a peer to blame, and the other peers go on.
+template <class Call>
+void CSocketHub::Guarded(Call call)
 {
-    m_pAsking = &peer;
     try {
-        m_CallbackMap.iDispatchMessage(pFrame->command, pFrame);
+        call();
     } catch (const std::exception& exception) {
         QUORCORE_LOG(LOG_ERR, "%s;", exception.what());
     }
-    m_pAsking = nullptr;
+}
+
+void CSocketHub::Dispatch(const peer_t& peer, socketFrame_t* pFrame)
+{
+    const CAsking asking(m_pAsking, peer);
+    Guarded([&] { m_CallbackMap.iDispatchMessage(pFrame->command, pFrame); });
+}
+
+void CSocketHub::AnnounceConnected(const peer_t& peer)
+{
+    Guarded([&] { OnPeerConnected(peer); });
+}
+
+void CSocketHub::AnnounceGone(const peer_t& peer, eGone reason)
+{
+    Guarded([&] { OnPeerGone(peer, reason); });
 }
 
 void CSocketHub::Serve(socketFrame_t& frame, const CommonCommands::outcome_t& outcome)

@@ -310,6 +310,40 @@ TEST(ASocketHubsLife, EndsBetweenTwoFramesHoweverManyHaveCome)
     EXPECT_TRUE(hub.bAwaitGone(eGone::STOPPED)) << "it was not cancelled";
 }
 
+TEST(ASocketHubsLife, GoesOnAfterACancellation)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    std::atomic<bool> bNobodyAsks{true};
+    CDoor inHandler;
+    COpenHub hub;
+    hub.m_OnFrame = [&](socketFrame_t*) {
+        inHandler.Open();
+        pause();
+    };
+    hub.m_OnCame = [&](const peer_t&) { bNobodyAsks = hub.pAskingPeer() == nullptr; };
+    ASSERT_TRUE(bStart(hub));
+    const int iPort = hub.iListeningPort();
+    const size_t nBefore = nOpenDescriptors();
+    CTcpPeer peer;
+    ASSERT_TRUE(peer.bConnect(iPort));
+    ASSERT_TRUE(peer.bSend(FrameBytes(COpenHub::kHandled)));
+    ASSERT_TRUE(inHandler.bPass());
+    hub.iStop(true, true);
+    EXPECT_TRUE(peer.bReceiveEof());
+    EXPECT_EQ(0U, hub.nPeers());
+    ASSERT_TRUE(bStart(hub, iPort));
+    ASSERT_TRUE(peer.bConnect(iPort));
+    ASSERT_TRUE(bAnswersAPing(peer));
+    EXPECT_TRUE(bNobodyAsks) << "the peer that asked when it was cancelled is long gone";
+    ASSERT_TRUE(peer.bSend(FrameBytes(CMD_COMMUN_PING, "again")));
+    EXPECT_EQ("again", ReceiveFrame(peer).szData) << "each ping is answered once";
+    peer.Close();
+    EXPECT_TRUE(bAwait([&] { return hub.nPeers() == 0; }));
+    EXPECT_EQ(nBefore, nOpenDescriptors());
+}
+
 TEST(ASocketHubsLife, EndsWithItsObjectDeletedByItself)
 {
     class CGone : public COpenHub

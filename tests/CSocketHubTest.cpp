@@ -670,6 +670,22 @@ TEST_F(ASocketHub, GoesOnAfterAHandlerThatThrows)
     EXPECT_TRUE(bAnswersAPing(m_Peer));
 }
 
+TEST_F(ASocketHub, GoesOnAfterAHookThatThrows)
+{
+    m_Hub.SetLogLevel(LOG_DEBUG);
+    m_Hub.m_OnCame = [](const peer_t&) { throw std::runtime_error("came"); };
+    m_Hub.m_OnWent = [](const peer_t&) { throw std::runtime_error("went"); };
+    Start();
+    CTcpPeer other;
+    Connect(m_Peer);
+    m_Peer.Close();
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, "went;"));
+    Connect(other);
+    EXPECT_TRUE(bAnswersAPing(other));
+    m_Hub.iStop(true, false);
+    EXPECT_EQ(2U, m_Hub.Gone().size());
+}
+
 TEST_F(ASocketHub, HandlesNothingMoreOfAPeerThatAHandlerDrops)
 {
     std::atomic<int> nHandled{0};

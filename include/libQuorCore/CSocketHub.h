@@ -184,7 +184,11 @@ private:
     };
 
     settings_t Settings() const;
+    template <class Call>
+    void Guarded(Call call);
     void Dispatch(const peer_t& peer, socketFrame_t* pFrame);
+    void AnnounceConnected(const peer_t& peer);
+    void AnnounceGone(const peer_t& peer, eGone reason);
     void Serve(socketFrame_t& frame, const CommonCommands::outcome_t& outcome);
 
     settings_t m_settings; ///< Guarded by m_settingsLock.

@@ -282,7 +282,7 @@ void CHubLoop::Admit(CUniqueFd socket, bool bLocal)
     }
     QUORCORE_LOG(LOG_INFO, "peer %s has come", szName(facts).c_str());
     m_peers.Add(pPeer);
-    m_hub.OnPeerConnected(pPeer->Facts());
+    m_hub.AnnounceConnected(pPeer->Facts());
 }
 
 // The listeners stay, and the kernel keeps who comes meanwhile.
@@ -365,7 +365,7 @@ void CHubLoop::Remove(const std::shared_ptr<CHubPeer>& pPeer)
     if (m_iResumeMs >= 0) {
         ResumeAccepting(); // there is a descriptor now
     }
-    m_hub.OnPeerGone(facts, reason);
+    m_hub.AnnounceGone(facts, reason);
 }
 
 void CHubLoop::Sweep()
