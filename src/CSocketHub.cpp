@@ -231,6 +231,9 @@ size_t CSocketHub::nPeers() const
 long CSocketHub::iRunThread()
 {
     const CDeferredCancel deferred; // a cancellation unwinds at a system call, not with a lock held
+    // A stop that did not join may have left a loop in a handler's hands. The flag is not raised
+    // before that one has ended, or it would go on as well, with the same buffer.
+    const std::lock_guard<std::mutex> loopHeld(m_loopLock);
     const CReading reading(*this);
     if (m_pRxBuffer == nullptr) {
         QUORCORE_LOG(LOG_ERR, "%s has not been configured", m_szLabel.c_str());

@@ -285,6 +285,28 @@ TEST(ASocketHubsLife, EndsWithItsObjectUnderLoad)
     }
 }
 
+TEST(ASocketHubsLife, IsOneLoopAtATime)
+{
+    CDoor inHook;
+    CDoor mayGoOn;
+    COpenHub hub;
+    hub.m_OnCame = [&](const peer_t&) {
+        inHook.Open();
+        EXPECT_TRUE(mayGoOn.bPass());
+    };
+    ASSERT_TRUE(bStart(hub));
+    CTcpPeer peer;
+    ASSERT_TRUE(peer.bConnect(hub.iListeningPort()));
+    ASSERT_TRUE(inHook.bPass());
+    hub.iStop(false, false);
+    EXPECT_EQ(0, hub.iCreateThread(false, 0));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time to do wrong
+    EXPECT_FALSE(hub.m_bRun);
+    mayGoOn.Open();
+    EXPECT_TRUE(hub.bAwaitGone(eGone::STOPPED)) << "the first one did not go on";
+    EXPECT_TRUE(bAwait([&] { return hub.bGetConnected(); }));
+}
+
 TEST(ASocketHubsLife, EndsBetweenTwoFramesHoweverManyHaveCome)
 {
     constexpr int kFrames = 3000;

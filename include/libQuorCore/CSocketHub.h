@@ -191,6 +191,7 @@ private:
     void AnnounceGone(const peer_t& peer, eGone reason);
     void Serve(socketFrame_t& frame, const CommonCommands::outcome_t& outcome);
 
+    std::mutex m_loopLock; ///< Held by the loop: there is one.
     settings_t m_settings; ///< Guarded by m_settingsLock.
     mutable std::mutex m_settingsLock;
     const std::unique_ptr<CHubPeers> m_pPeers;
