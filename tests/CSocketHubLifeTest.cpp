@@ -366,6 +366,37 @@ TEST(ASocketHubsLife, GoesOnAfterACancellation)
     EXPECT_EQ(nBefore, nOpenDescriptors());
 }
 
+TEST(ASocketHubsLife, SurvivesCancellationsUnderLoad)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    COpenHub hub;
+    hub.m_OnFrame = [&](socketFrame_t* pFrame) { hub.iAnswer(hub.pAskingPeer()->id, pFrame); };
+    ASSERT_TRUE(bStart(hub));
+    const int iPort = hub.iListeningPort();
+    const size_t nBefore = nOpenDescriptors();
+    {
+        CBackground load;
+        for (int i = 0; i < 2; ++i) {
+            load.Add([iPort] {
+                CTcpPeer peer;
+                if (peer.bConnect(iPort, 100)) {
+                    peer.bSend(FrameBytes(COpenHub::kHandled, "x"), 100);
+                    peer.szReceive(21, 100);
+                }
+            });
+        }
+        load.Add([&hub] { hub.iPushAll(997, nullptr, 0); });
+        for (int i = 0; i < 200; ++i) {
+            ASSERT_EQ(0, hub.iStop(true, true));
+            ASSERT_TRUE(bStart(hub, iPort));
+        }
+    }
+    EXPECT_TRUE(bServes(hub));
+    EXPECT_TRUE(bAwait([&] { return nOpenDescriptors() == nBefore; }));
+}
+
 TEST(ASocketHubsLife, EndsWithItsObjectDeletedByItself)
 {
     class CGone : public COpenHub

@@ -56,6 +56,12 @@ bool bOutOfResources(int iError)
     return iError == EMFILE || iError == ENFILE || iError == ENOBUFS || iError == ENOMEM;
 }
 
+CUniqueFd AcceptFrom(const CListener& listener)
+{
+    const CNoCancel noCancel; // between the kernel's gift and our taking it
+    return CUniqueFd(accept4(listener.iGet(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+}
+
 void SetTcpOptions(int iFd)
 {
     const int iOn = 1;
@@ -244,8 +250,7 @@ void CHubLoop::Handle(uint64_t iTag, uint32_t iEvents)
 void CHubLoop::Accept(place_t& place)
 {
     for (int i = 0; i < kAcceptsMax && place.listener; ++i) {
-        CUniqueFd socket(
-            accept4(place.listener.iGet(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        CUniqueFd socket = AcceptFrom(place.listener);
         if (socket) {
             Admit(std::move(socket), place.iTag == kTagLocal);
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {

@@ -74,6 +74,7 @@ void CHubPeer::SendWaiting()
     if (m_bDoomed || nWaiting() == 0) {
         return;
     }
+    const CNoCancel noCancel; // a sender that was cancelled must not leave half a frame behind
     const ssize_t lSent =
         send(m_socket.iGet(), m_waiting.data() + m_sent, nWaiting(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (lSent < 0 && !bIsLater(errno)) {
