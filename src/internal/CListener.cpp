@@ -130,16 +130,18 @@ int CListener::iKeep(CUniqueFd socket)
 
 void CListener::Close()
 {
-    if (m_socket) { // frees the port though a child that was forked has the socket, too
-        shutdown(m_socket.iGet(), SHUT_RDWR);
-    }
-    m_socket.Reset();
+    // The file goes first: once nobody listens, the next one may replace it, and the kernel give
+    // the new file the number of the old one.
     struct stat file = {};
     if (!m_szPath.empty() && lstat(m_szPath.c_str(), &file) == 0 && file.st_ino == m_file.st_ino &&
         file.st_dev == m_file.st_dev) {
         unlink(m_szPath.c_str());
     }
     m_szPath.clear();
+    if (m_socket) { // frees the port though a child that was forked has the socket, too
+        shutdown(m_socket.iGet(), SHUT_RDWR);
+    }
+    m_socket.Reset();
 }
 
 int CListener::iPort() const

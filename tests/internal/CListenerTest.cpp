@@ -246,3 +246,19 @@ TEST_F(AListener, LeavesTheFileToWhoeverHasReplacedIt)
     other.Close(); // without its file
     EXPECT_FALSE(other);
 }
+
+TEST_F(AListener, HandsItsPathOverToTheNext)
+{
+    for (int i = 0; i < nRounds(500); ++i) {
+        CListener former;
+        ASSERT_EQ(0, former.iOpenUnix(m_szPath, 0600));
+        std::thread successor([&] {
+            EXPECT_TRUE(bAwait([&] { return m_Listener.iOpenUnix(m_szPath, 0600) == 0; }));
+        });
+        former.Close();
+        successor.join();
+        ASSERT_NE(0U, iFile(m_szPath)) << "in round " << i;
+        ASSERT_TRUE(m_Peer.bConnectUnix(m_szPath));
+        m_Listener.Close();
+    }
+}
