@@ -70,5 +70,7 @@ function(quorcore_add_fuzzers folder)
         get_filename_component(name ${file} NAME_WE)
         quorcore_add_program(${name} ${file})
         target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+        # The library is a static one here, which hides nothing.
+        target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src)
     endforeach()
 endfunction()
