@@ -49,7 +49,9 @@ struct outcome_t;
  * as soon as there are some.
  *
  * Threads: any may answer, push, drop, look at the peers and stop. Handlers, OnPeerConnected() and
- * OnPeerGone() run on the hub's thread and must not wait long: nobody else is served meanwhile.
+ * OnPeerGone() run on the hub's thread and must not wait long: nobody else is served meanwhile. A
+ * standard exception that leaves one of them is logged. A stop takes effect after the frame that is
+ * being handled, and is joined before the next start.
  * Ownership: owns its descriptors; the callback map owns the handlers given to it. A derived class
  * calls EndThread() in its own destructor. Errors: by return value; nothing throws. Rests on
  * epoll(7), tcp(7) and unix(7).
@@ -150,7 +152,8 @@ public:
     long iPushAll(uint16_t command, const uint8_t* pPayload, long size, uint16_t typeITF = 0,
                   uint16_t protocol = 0, uint16_t user1 = 0, uint16_t user2 = 0);
 
-    /// Ends a connection, with what waits for the peer. @return Whether there was such a peer.
+    /// Ends a connection. What waits for the peer is lost, but for what a handler has answered and
+    /// the connection takes at once. @return Whether there was such a peer.
     bool bDropPeer(peerId_t peer);
 
     bool bGetPeer(peerId_t id, peer_t& peer) const; ///< @return Whether there is such a peer.
