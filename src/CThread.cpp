@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cxxabi.h>
 #include <exception>
 #include <unistd.h>
 
@@ -265,9 +264,6 @@ long CThread::iRunHooks()
         }
         bExited = true;
         iExitInstance();
-    } catch (const abi::__forced_unwind&) {
-        EmptyCallbacksOfCancelled();
-        throw; // pthread_cancel(3) wants it back
     } catch (const std::exception& exception) {
         DeferAnyCancel(); // the body may have thrown
         std::fputs(exception.what(), stdout);
@@ -296,18 +292,6 @@ __attribute__((noinline)) long CThread::iRunCancellable()
     const long lResult = iRunThread();
     DeferAnyCancel();
     return lResult;
-}
-
-/// A cancelled thread does not reach iExitInstance(). Its callbacks go all the same: the next start
-/// registers its own, and each frame would find two handlers.
-void CThread::EmptyCallbacksOfCancelled()
-{
-    DeferAnyCancel();
-    try {
-        m_CallbackMap.RemoveAllCallback();
-    } catch (const std::exception& exception) { // of a callback's destructor
-        QUORCORE_LOG(LOG_ERR, "%s;", exception.what());
-    }
 }
 
 void CThread::ExitAfterException()

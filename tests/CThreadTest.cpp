@@ -758,35 +758,6 @@ TEST_F(AThread, IsCancelledWhenAskedTo)
     EXPECT_TRUE(bAwait([this] { return nThreads() == m_nThreads; }));
 }
 
-TEST_F(AThread, HasNoCallbacksLeftAfterACancellation)
-{
-    if (kSanitized) {
-        GTEST_SKIP() << kNoCancelReason;
-    }
-    class CCounting : public CInvokeCallback
-    {
-    public:
-        explicit CCounting(int& iCalls) : m_iCalls(iCalls) {}
-        void invoke(void*) const override { ++m_iCalls; }
-
-    private:
-        int& m_iCalls;
-    };
-    int iCalls = 0;
-    m_Thread.m_body = lPauseForEver;
-    m_Thread.m_init = [&](CTestThread& self) {
-        self.pAddCallback(1, new CCounting(iCalls));
-        return 0L;
-    };
-    Start();
-    m_Thread.iStop(true, true);
-    Start();
-    EXPECT_EQ(0, m_Thread.m_CallbackMap.iDispatchMessage(1, nullptr));
-    EXPECT_EQ(1, iCalls) << "the one of the present thread";
-    m_Thread.iStop(true, true);
-    EXPECT_EQ(-1, m_Thread.m_CallbackMap.iDispatchMessage(1, nullptr));
-}
-
 TEST_F(AThread, IsCancelledInABodyThatOnlyComputes)
 {
     if (kSanitized) {

@@ -169,7 +169,6 @@ private:
     static void AbandonStart(CThread& thread, bool bAutoDelete, int iTimeout, CThreadLife& life);
     long iRunHooks();
     long iRunCancellable();
-    void EmptyCallbacksOfCancelled();
     void ExitAfterException();
     unsigned iKnownThread();
     bool bIsKnown(unsigned iThread) const;
