@@ -119,6 +119,7 @@ public:
 
     /// @name The thread's callbacks, as CCallbackMap has them.
     /// A thread that ends empties its map: what was registered before a restart is registered anew.
+    /// A cancelled one leaves it as it is: RemoveAllCallback() before a restart.
     /// @{
     CInvokeCallback* pAddCallback(uint32_t iEventId, CInvokeCallback* pCallback);
     void RemoveEvent(uint32_t iEventId);
