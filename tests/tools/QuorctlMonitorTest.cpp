@@ -90,4 +90,19 @@ TEST_F(AQuorctl, TellsThatItsOutputCannotBeWritten)
     ASSERT_TRUE(m_Peer.bSend(FrameBytes(kName, "x")));
     ExpectFailure(End(), 3, "standard output: No space left on device");
 }
+
+// A socket would get the free number 1, and the daemon what people are to read.
+TEST_F(AQuorctl, TellsTheDaemonNothingWhenItsOutputIsClosed)
+{
+    m_pChild = std::make_unique<CChild>([this] {
+        execlp("sh", "sh", "-c", "exec \"$0\" --port \"$1\" name >&-", QUORCTL,
+               std::to_string(m_Peer.iPort()).c_str(), nullptr);
+        return 127;
+    });
+    ASSERT_TRUE(m_Peer.bAccept());
+    EXPECT_TRUE(ReceiveFrame(m_Peer).bComplete);
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(kName, "x")));
+    EXPECT_TRUE(m_Peer.bReceiveEof()); // and not one byte before it
+    ExpectFailure(End(), 3, "standard output: Bad file descriptor");
+}
 } // namespace
