@@ -15,6 +15,7 @@
 
 using namespace TestSupport;
 using ::testing::MatchesRegex;
+using ::testing::StartsWith;
 
 namespace
 {
@@ -40,6 +41,15 @@ TEST_F(AQuorctl, TellsThatAHostIsUnknown)
     const ChildResult result = RunQuorctl({"--host", "not a host", "name"});
     EXPECT_EQ(3, result.iExitCode);
     EXPECT_THAT(result.szErrors, MatchesRegex("quorctl: host not a host: [^\n]+\n"));
+}
+
+TEST_F(AQuorctl, KeepsToOneLineWhateverTheHostIsCalled)
+{
+    const ChildResult result = RunQuorctl({"--host", "a\nb\x1b[31m", "name"});
+    EXPECT_EQ(3, result.iExitCode);
+    EXPECT_THAT(result.szErrors, StartsWith("quorctl: host a\\x0ab\\x1b[31m: "));
+    ExpectFailure(RunQuorctl({"--unix", "/nowhere/a\nb", "name"}), 3,
+                  "cannot connect to unix:/nowhere/a\\x0ab: No such file or directory");
 }
 
 /// A socket of the test's own that listens; its accepted connection is a plain descriptor.

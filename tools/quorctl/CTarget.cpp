@@ -1,6 +1,7 @@
 #include "CTarget.h"
 
 #include "CDescriptor.h"
+#include "DataText.h"
 #include "Failure.h"
 #include "Poll.h"
 
@@ -58,7 +59,7 @@ void LookUpOnAThread(const std::shared_ptr<Lookup>& pLookup, const CDeadline& de
         eventfd_write(pLookup->done.iGet(), 1);
     }).detach();
     if (!bAwaitFd(pLookup->done.iGet(), POLLIN, deadline, iWakeFd)) {
-        throw CTimeOut("the address of " + pLookup->szHost + " was not found in " +
+        throw CTimeOut("the address of " + szVisible(pLookup->szHost) + " was not found in " +
                        std::to_string(deadline.iLimitMs()) + " ms");
     }
     eventfd_t count = 0;
@@ -78,10 +79,11 @@ void CTarget::SetUnixPath(const std::string& szPath)
 std::string CTarget::szName() const
 {
     if (!m_szUnixPath.empty()) {
-        return "unix:" + m_szUnixPath;
+        return "unix:" + szVisible(m_szUnixPath);
     }
     const bool bColons = m_szHost.find(':') != std::string::npos;
-    return (bColons ? '[' + m_szHost + ']' : m_szHost) + ':' + std::to_string(m_iPort);
+    const std::string szHost = szVisible(m_szHost);
+    return (bColons ? '[' + szHost + ']' : szHost) + ':' + std::to_string(m_iPort);
 }
 
 std::vector<Address> CTarget::Addresses(const CDeadline& deadline, int iWakeFd) const
@@ -104,7 +106,7 @@ std::vector<Address> CTarget::Addresses(const CDeadline& deadline, int iWakeFd) 
     }
     if (pLookup->iError != 0) {
         const bool bSystem = pLookup->iError == EAI_SYSTEM;
-        throw CLinkFailure("host " + m_szHost + ": " +
+        throw CLinkFailure("host " + szVisible(m_szHost) + ": " +
                            (bSystem ? std::generic_category().message(pLookup->iErrno)
                                     : std::string(gai_strerror(pLookup->iError))));
     }

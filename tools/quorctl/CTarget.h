@@ -33,7 +33,8 @@ public:
     /// @throw CUsageError  The path is empty or longer than the kernel's limit of 107 bytes.
     void SetUnixPath(const std::string& szPath);
 
-    /// @return "127.0.0.1:5555", "[::1]:5555" or "unix:/run/daemon": what messages call it.
+    /// @return "127.0.0.1:5555", "[::1]:5555" or "unix:/run/daemon": what messages call it,
+    ///         on one line and without control characters, whatever the command line has.
     std::string szName() const;
 
     /**
