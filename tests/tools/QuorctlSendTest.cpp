@@ -3,7 +3,9 @@
 #include "support/Files.h"
 #include "tools/QuorctlProgram.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 using namespace TestSupport;
 using ::testing::EndsWith;
@@ -44,6 +46,18 @@ TEST_F(AQuorctl, SendsAFile)
     EXPECT_EQ(szContent, request.szData);
     m_Peer.Close();
     EXPECT_EQ(0, End().iExitCode);
+}
+
+TEST_F(AQuorctl, IsOverInTimeWhileItsFileHasNoEnd)
+{
+    const CTempDirectory directory;
+    const std::string szPath = directory.szPath("fifo");
+    ASSERT_EQ(0, mkfifo(szPath.c_str(), 0600));
+    const std::vector<std::string> args = {"--timeout", "300", "send", "1", "--file", szPath};
+    ExpectFailure(RunQuorctl(args), 3, "--file " + szPath + ": no end in 300 ms"); // no writer
+    const QuorCore::CUniqueFd writer(open(szPath.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(4, write(writer.iGet(), "half", 4));
+    ExpectFailure(RunQuorctl(args), 3, "--file " + szPath + ": no end in 300 ms");
 }
 
 TEST_F(AQuorctl, SendsStandardInput)

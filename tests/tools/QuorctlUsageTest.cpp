@@ -63,6 +63,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadUsage{"AFileThatIsNotThere",
                  {"send", "1", "--file", "/nowhere"},
                  "--file /nowhere: No such file or directory"},
+        BadUsage{
+            "AFileWithoutAName", {"send", "1", "--file", ""}, "--file : No such file or directory"},
         BadUsage{"AFileThatIsTooLarge",
                  {"send", "1", "--file", "/dev/zero"},
                  "send: a frame has 65535 bytes of data at most"},

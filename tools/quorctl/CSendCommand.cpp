@@ -4,6 +4,7 @@
 #include "CPrinter.h"
 #include "DataText.h"
 #include "FrameText.h"
+#include "Poll.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -17,25 +18,47 @@ namespace
 constexpr const char* kStandardInput = "-";
 constexpr size_t kReadBytes = 4096;
 
+// As read(2), but no longer than the deadline: a terminal or a pipe may have nothing for ever.
+ssize_t lReadSome(int iFd, char* pBytes, size_t size, const CDeadline& deadline)
+{
+    ssize_t lRead = -1;
+    do {
+        if (!bAwaitFd(iFd, POLLIN, deadline, -1)) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        lRead = read(iFd, pBytes, size);
+    } while (lRead == -1 && (errno == EINTR || errno == EAGAIN));
+    return lRead;
+}
+
+[[noreturn]] void FailFile(const std::string& szFile, int iError, const CDeadline& deadline)
+{
+    const std::string szWhich = "--file " + szVisible(szFile) + ": ";
+    if (iError == ETIMEDOUT) {
+        throw CTimeOut(szWhich + "no end in " + std::to_string(deadline.iLimitMs()) + " ms");
+    }
+    throw CUsageError(szWhich + std::generic_category().message(iError));
+}
+
 // One byte more than a frame may have is enough to see that it is too much.
-std::string szReadFile(const std::string& szFile)
+std::string szReadFile(const std::string& szFile, const CDeadline& deadline)
 {
     const bool bStandardInput = szFile == kStandardInput;
-    const CDescriptor opened(bStandardInput ? -1 : open(szFile.c_str(), O_RDONLY | O_CLOEXEC));
+    // Without O_NONBLOCK a FIFO opens only when somebody writes to it: fifo(7).
+    const CDescriptor opened(
+        bStandardInput ? -1 : open(szFile.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     const int iFd = bStandardInput ? STDIN_FILENO : opened.iGet();
     std::string szContent;
     ssize_t lRead = iFd == -1 ? -1 : 1;
     while (lRead > 0 && szContent.size() <= QuorCore::kFrameDataBytesMax) {
         const size_t before = szContent.size();
         szContent.resize(before + kReadBytes);
-        do {
-            lRead = read(iFd, &szContent[before], kReadBytes);
-        } while (lRead == -1 && errno == EINTR);
+        lRead = lReadSome(iFd, &szContent[before], kReadBytes, deadline);
         szContent.resize(before + (lRead > 0 ? static_cast<size_t>(lRead) : 0));
     }
     if (lRead == -1) {
-        throw CUsageError("--file " + szVisible(szFile) + ": " +
-                          std::generic_category().message(errno));
+        FailFile(szFile, errno, deadline);
     }
     return szContent;
 }
@@ -71,13 +94,13 @@ CSendCommand::CSendCommand(CLI::App& parent)
         ->excludes(m_app.get_option("--expect"));
 }
 
-CFrame CSendCommand::Request() const
+CFrame CSendCommand::Request(const CDeadline& deadline) const
 {
     CFrame request(static_cast<uint16_t>(m_iCommand), m_szText);
     if (!m_szHexDigits.empty()) {
         request.szData = szFromHexOption(m_szHexDigits);
-    } else if (!m_szFile.empty()) {
-        request.szData = szReadFile(m_szFile);
+    } else if (m_app.count("--file") != 0) { // even "": a variable that a script forgot to set
+        request.szData = szReadFile(m_szFile, deadline);
     }
     if (request.szData.size() > QuorCore::kFrameDataBytesMax) {
         throw CUsageError("send: a frame has " + std::to_string(QuorCore::kFrameDataBytesMax) +
@@ -95,8 +118,8 @@ eExitStatus CSendCommand::Run(const Settings& settings) const
         throw CUsageError("--expect: the daemon's pings are answered and are no answers; see "
                           "monitor --pings");
     }
-    const CFrame request = Request();
     const CDeadline deadline(settings.iTimeOutMs);
+    const CFrame request = Request(deadline);
     CFrameLink link(settings.target, deadline);
     link.Send(request, deadline);
     if (m_bNoAnswer) {

@@ -19,7 +19,7 @@ public:
     eExitStatus Run(const Settings& settings) const override;
 
 private:
-    CFrame Request() const;
+    CFrame Request(const CDeadline& deadline) const;
 
     int64_t m_iCommand = 0;
     int64_t m_iType = 0;
@@ -29,6 +29,6 @@ private:
     bool m_bNoAnswer = false;
     std::string m_szText;
     std::string m_szHexDigits;
-    std::string m_szFile; ///< Empty: none.
+    std::string m_szFile;
 };
 } // namespace QuorCtl
