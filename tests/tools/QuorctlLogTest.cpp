@@ -10,25 +10,41 @@ namespace
 constexpr uint16_t kSetLog = 16;
 constexpr uint16_t kGetLog = 17;
 
-/// @return A log page with one thread.
-std::string szPage(const std::string& szLabel, int iLevel, int nSources = 1)
+using Threads = std::vector<std::pair<std::string, int>>; ///< Labels and levels.
+
+/// @return The row of a thread.
+std::string szRow(const std::string& szIndex, const std::string& szLabel, int iLevel)
 {
     const char* const kNames[] = {"emergency", "alert",  "critical", "error",
                                   "warning",   "notice", "info",     "debug"};
+    std::string szText =
+        "<tr><td>" + szIndex + "</td><td>" + szLabel + "</td><td><select name=min_" + szIndex + '>';
+    for (int i = 0; i < 8; ++i) {
+        szText += "<option value=\"" + std::to_string(i) + (i == iLevel ? "\" selected>" : "\">") +
+                  std::to_string(i) + '-' + kNames[i] + "</option>";
+    }
+    return szText + "</select></td>\t\n";
+}
+
+/// @return A log page with these threads. @param nSources  Those that it counts.
+std::string szPage(const Threads& threads, size_t nSources)
+{
     std::string szText =
         "<!DOCTYPE html><html><head><title>Log ctrl</title></head><body>\n"
         "<h2>Log control : peer</h2>\nNumber of sources: " +
         std::to_string(nSources) +
         "<br>\n<form name=\"logform\" method=\"get\" action=\"\">\n<table border=\"1\">\n"
-        "<tr><th>Id</th><th>Name</th><th>Min Level</th></tr>\n<tr><td>0</td><td>" +
-        szLabel + "</td><td><select name=min_0>";
-    for (int i = 0; i < 8; ++i) {
-        szText += "<option value=\"" + std::to_string(i) + (i == iLevel ? "\" selected>" : "\">") +
-                  std::to_string(i) + '-' + kNames[i] + "</option>";
+        "<tr><th>Id</th><th>Name</th><th>Min Level</th></tr>\n";
+    for (size_t index = 0; index < threads.size(); ++index) {
+        szText += szRow(std::to_string(index), threads[index].first, threads[index].second);
     }
-    return szText +
-           "</select></td>\t\n</table>\n<input type=\"submit\" value=\"Apply\">\n</body></html>\n" +
-           '\0';
+    return szText + "</table>\n<input type=\"submit\" value=\"Apply\">\n</body></html>\n" + '\0';
+}
+
+/// @return A log page with one thread.
+std::string szPage(const std::string& szLabel, int iLevel, size_t nSources = 1)
+{
+    return szPage(Threads{{szLabel, iLevel}}, nSources);
 }
 
 TEST_F(AQuorctl, RefusesALogPageThatIsCut)
@@ -85,6 +101,33 @@ TEST_F(AQuorctl, TellsThatTheThreadsHaveChangedMeanwhile)
     ASSERT_TRUE(m_Peer.bSend(FrameBytes(kGetLog, szPage("dispatcher", 5)) + FrameBytes(kSetLog) +
                              FrameBytes(kGetLog, szPage("modem", 5))));
     ExpectFailure(End(), 1, "the daemon's threads have changed meanwhile: look with 'log list'");
+}
+
+// The first of three has ended: the second moved up, and has the level that was meant for the
+// first.
+TEST_F(AQuorctl, TellsThatAThreadAmongOthersOfItsLabelHasGone)
+{
+    const Threads before = {{"worker", 5}, {"worker", 5}, {"worker", 5}};
+    const Threads after = {{"worker", 7}, {"worker", 5}};
+    ASSERT_TRUE(Requested({"log", "set", "0=debug"}).bComplete);
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(kGetLog, szPage(before, 3)) + FrameBytes(kSetLog) +
+                             FrameBytes(kGetLog, szPage(after, 2))));
+    ExpectFailure(End(), 1, "the daemon's threads have changed meanwhile: look with 'log list'");
+}
+
+// A thread came before both, and went again before the second look.
+TEST_F(AQuorctl, TellsThatAThreadWasHitByMistake)
+{
+    const Threads before = {{"modem", 5}, {"serial", 5}};
+    const Threads after = {{"modem", 7}, {"serial", 5}};
+    ASSERT_TRUE(Requested({"log", "set", "serial=debug"}).bComplete);
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(kGetLog, szPage(before, 2)) + FrameBytes(kSetLog) +
+                             FrameBytes(kGetLog, szPage(after, 2))));
+    const ChildResult result = End();
+    EXPECT_EQ(1, result.iExitCode);
+    EXPECT_EQ("serial: 5 notice (unchanged)\n", result.szOutput);
+    EXPECT_EQ("quorctl: the level of modem has changed, too: look with 'log list'\n",
+              result.szErrors);
 }
 
 TEST_F(AQuorctl, SendsNothingForAnUnknownThread)

@@ -86,6 +86,33 @@ std::string szChange(const std::string& szThread, int iBefore, int iAfter)
            (iBefore == iAfter ? " (unchanged)" : " -> " + szLevel(iAfter)) + '\n';
 }
 
+/// @return Whether a row still is the same thread's, as far as the pages tell. Where several have
+///         one label the next may have moved up, so that there must be as many of them as before.
+bool bSameThread(size_t index, const std::vector<LogThread>& before,
+                 const std::vector<LogThread>& after)
+{
+    const std::string& szLabel = before[index].szLabel;
+    const auto bHasLabel = [&](const LogThread& thread) { return thread.szLabel == szLabel; };
+    return index < after.size() && after[index].szLabel == szLabel &&
+           std::count_if(before.begin(), before.end(), bHasLabel) ==
+               std::count_if(after.begin(), after.end(), bHasLabel);
+}
+
+/// @return A thread that nobody meant and that has another level all the same: the indices were
+///         others when the daemon set the levels. None: null.
+const LogThread* pHitByMistake(const std::vector<LogThread>& before,
+                               const std::vector<LogThread>& after,
+                               const std::map<int, int>& levels)
+{
+    const auto bHit = [&](const LogThread& old) {
+        const auto index = static_cast<size_t>(old.iIndex);
+        return levels.count(old.iIndex) == 0 && bSameThread(index, before, after) &&
+               after[index].iLevel != old.iLevel;
+    };
+    const auto found = std::find_if(before.begin(), before.end(), bHit);
+    return found != before.end() ? &*found : nullptr;
+}
+
 /// Prints what became of the threads that were meant.
 /// @throw CRefusal  Not what was asked for: the daemon ignored it, or its threads changed.
 void PrintChanges(const CPrinter& printer, const std::vector<LogThread>& before,
@@ -97,9 +124,7 @@ void PrintChanges(const CPrinter& printer, const std::vector<LogThread>& before,
     std::string szFailed;
     for (const auto& [iIndex, iLevel] : levels) {
         const LogThread& old = before[static_cast<size_t>(iIndex)];
-        const bool bThere = static_cast<size_t>(iIndex) < after.size() &&
-                            after[static_cast<size_t>(iIndex)].szLabel == old.szLabel;
-        if (!bThere) {
+        if (!bSameThread(static_cast<size_t>(iIndex), before, after)) {
             throw CRefusal("the daemon's threads have changed meanwhile: look with 'log list'");
         }
         const int iNow = after[static_cast<size_t>(iIndex)].iLevel;
@@ -113,6 +138,10 @@ void PrintChanges(const CPrinter& printer, const std::vector<LogThread>& before,
         }
     }
     printer.Print(szText, json);
+    if (const LogThread* const pHit = pHitByMistake(before, after, levels)) {
+        szFailed =
+            "the level of " + szThread(*pHit, before) + " has changed, too: look with 'log list'";
+    }
     if (!szFailed.empty()) {
         throw CRefusal(szFailed);
     }
