@@ -26,6 +26,8 @@ TEST(PrintableText, HasNoControlCharactersButTabsAndLineEnds)
 {
     EXPECT_TRUE(bIsPrintable("two\tlines\r\n\xC3\xA9"));
     EXPECT_FALSE(bIsPrintable("\x1b[2J"));
+    EXPECT_FALSE(bIsPrintable("good\rbad")); // the second would stand in the place of the first
+    EXPECT_FALSE(bIsPrintable("\r"));
     EXPECT_FALSE(bIsPrintable("\x7f"));
     EXPECT_FALSE(bIsPrintable("\xC2\x9B")); // CSI of C1
     EXPECT_FALSE(bIsPrintable(std::string(1, '\0')));

@@ -61,6 +61,12 @@ TEST_F(AQuorctl, ShowsNoControlCharactersOfTheDaemon)
     EXPECT_EQ("\\x1b[2Jx\\x0a\n", Answered({"name"}, FrameBytes(kName, "\x1b[2Jx\n")).szOutput);
 }
 
+TEST_F(AQuorctl, ShowsNoControlCharactersOfTheDaemonInJson)
+{
+    EXPECT_EQ("{\"name\":\"a\\u001b\\u007f\\u009b\"}\n",
+              Answered({"name", "--json"}, FrameBytes(kName, "a\x1b\x7f\xC2\x9B")).szOutput);
+}
+
 TEST_F(AQuorctl, GivesANameThatIsNoUtf8InHex)
 {
     const std::vector<Json::Value> objects =

@@ -19,7 +19,11 @@ std::string szJsonLine(const Json::Value& json)
     builder["indentation"] = "";
     builder["precision"] = kDigits;
     builder["precisionType"] = "decimal";
-    return Json::writeString(builder, json) + '\n';
+    std::string szLine;
+    for (const char c : Json::writeString(builder, json)) { // escapes all controls but this one
+        szLine += c == '\x7f' ? "\\u007f" : std::string(1, c);
+    }
+    return szLine + '\n';
 }
 } // namespace
 

@@ -102,8 +102,9 @@ bool bIsPrintable(const std::string& szBytes)
 {
     return bAllCharacters(szBytes, [&](size_t position, size_t length) {
         const char c = szBytes[position];
-        return length != 0 &&
-               (c == '\t' || c == '\n' || c == '\r' || !bIsControl(szBytes, position));
+        // A return without its line feed would write over what stands on the line.
+        const bool bEndsLine = c == '\n' || szBytes.compare(position, 2, "\r\n") == 0;
+        return length != 0 && (c == '\t' || bEndsLine || !bIsControl(szBytes, position));
     });
 }
 

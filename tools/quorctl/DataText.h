@@ -13,7 +13,8 @@ std::string szFormat(const char* pszFormat, ...) __attribute__((format(printf, 1
 /// @return Whether the bytes are UTF-8 as RFC 3629 has it: shortest forms, no surrogates.
 bool bIsUtf8(const std::string& szBytes);
 
-/// @return Whether they are UTF-8 without control characters other than tab and line ends.
+/// @return Whether they are UTF-8 without control characters other than tab and line ends,
+///         which are a line feed with or without a return before it.
 bool bIsPrintable(const std::string& szBytes);
 
 /// @return The text with each byte that is a control character or no UTF-8 as "\x1b", a backslash
