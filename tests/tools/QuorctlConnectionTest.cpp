@@ -5,6 +5,7 @@
 #include "support/Sanitized.h"
 #include "tools/QuorctlProgram.h"
 
+#include <csignal>
 #include <cstdio>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
@@ -12,6 +13,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 
 using namespace TestSupport;
 using ::testing::MatchesRegex;
@@ -146,6 +148,29 @@ TEST_F(AQuorctl, IsOverInTimeWhenNobodyTakesTheConnection)
     const std::string szPort = std::to_string(ntohs(address.sin_port));
     ExpectFailure(RunQuorctl({"--port", szPort, "--timeout", "300", "name"}), 3,
                   "no connection to 127.0.0.1:" + szPort + " in 300 ms");
+}
+
+// Before a connection there is nothing to monitor, and no usual end of it.
+TEST_F(AQuorctl, TellsThatItWasInterruptedBeforeItWasConnected)
+{
+    const CTempDirectory directory;
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const std::string szPath = directory.szPath("socket");
+    szPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const auto* const pAddress = reinterpret_cast<sockaddr*>(&address);
+    const AListener listener(pAddress, sizeof(address));
+    const QuorCore::CUniqueFd first(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(0, connect(first.iGet(), pAddress, sizeof(address))); // all that the queue takes
+    CChild child(Quorctl({"--unix", szPath, "--timeout", "20000", "monitor"}));
+    const std::string szStatus = "/proc/" + std::to_string(child.iPid()) + "/status";
+    const CDeadline deadline(kAwaitLimitMs);
+    while (szReadFile(szStatus).find("SigBlk:\t0000000000004002") == std::string::npos &&
+           !deadline.bPassed()) { // SIGINT and SIGTERM: it watches for them
+        std::this_thread::yield();
+    }
+    child.Signal(SIGINT);
+    ExpectFailure(child.Await(), 3, "interrupted");
 }
 
 // A name server that hears every question and answers none.

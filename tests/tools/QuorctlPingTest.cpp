@@ -56,6 +56,17 @@ TEST_F(AQuorctl, SumsPingsUpAtCtrlC)
     EXPECT_THAT(result.szOutput, HasSubstr("1 sent, 1 received, 0% loss\n"));
 }
 
+TEST_F(AQuorctl, TellsOfNoTimeOutThatCtrlCCutShort)
+{
+    ASSERT_TRUE(Requested({"--timeout", "20000", "ping"}).bComplete);
+    m_pChild->Signal(SIGINT);
+    const ChildResult result = End();
+    EXPECT_EQ(3, result.iExitCode);
+    EXPECT_THAT(result.szOutput, HasSubstr("1 sent, 0 received, 100% loss\n"));
+    EXPECT_EQ("quorctl: interrupted before an answer came from " + szName() + '\n',
+              result.szErrors);
+}
+
 TEST_F(AQuorctl, SumsPingsUpWhenTheDaemonCloses)
 {
     Frame ping = Requested({"ping", "--interval", "3600"});

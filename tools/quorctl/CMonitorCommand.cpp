@@ -21,8 +21,8 @@ eExitStatus CMonitorCommand::Run(const Settings& settings) const
     const CSignalWatch watch;
     const CPrinter printer(settings.bJson);
     const CDeadline never = CDeadline::Never();
+    CFrameLink link(settings.target, CDeadline(settings.iTimeOutMs), watch.iFd());
     try {
-        CFrameLink link(settings.target, CDeadline(settings.iTimeOutMs), watch.iFd());
         for (int64_t iPrinted = 0; m_iCount == 0 || iPrinted < m_iCount; ++iPrinted) {
             const std::optional<CFrame> frame =
                 m_bPings ? link.ReceiveWithPings(never) : link.Receive(never);

@@ -91,7 +91,10 @@ eExitStatus CPingCommand::Run(const Settings& settings) const
     CFrameLink link(settings.target, CDeadline(settings.iTimeOutMs), watch.iFd());
     try {
         PingAll(link, settings, printer, statistics);
-    } catch (const CInterrupted&) { // the usual end
+    } catch (const CInterrupted&) { // the usual end, unless
+        if (statistics.iReceived() == 0) {
+            failure = CLinkFailure("interrupted before an answer came from " + link.szPeer());
+        }
     } catch (const CLinkFailure& linkFailure) {
         failure = linkFailure;
     }
