@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -173,25 +174,64 @@ TEST_F(AQuorctl, TellsThatItWasInterruptedBeforeItWasConnected)
     ExpectFailure(child.Await(), 3, "interrupted");
 }
 
-// A name server that hears every question and answers none.
-TEST_F(AQuorctl, IsOverInTimeWhileTheNameServerIsSilent)
+/// A name server in a network of the calling process's own.
+class ANameServer
 {
-    const CTempDirectory directory;
-    const std::string szResolver = directory.szPath("resolv.conf");
-    WriteFile(szResolver, "nameserver 127.0.0.1\n");
-    const auto run = [&szResolver] {
+public:
+    /// Asked by this process and its children from now on. @return False: it cannot be had.
+    bool bStart(const std::string& szResolver)
+    {
+        WriteFile(szResolver, "nameserver 127.0.0.1\n");
         if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount(szResolver.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0 ||
             RunProgram({"ip", "link", "set", "lo", "up"}).iExitCode != 0) {
-            return 99;
+            return false;
         }
-        const QuorCore::CUniqueFd server(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        m_fd.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(53);
-        if (bind(server.iGet(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        return bind(m_fd.iGet(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    }
+
+    /// Takes a question and, @p iAfterMs later, says 127.0.0.1 to one for an IPv4 address and
+    /// that there is none to another: RFC 1035, section 4.
+    void AnswerOne(int iAfterMs) const
+    {
+        sockaddr_storage asker = {};
+        socklen_t length = sizeof(asker);
+        auto* const pAsker = reinterpret_cast<sockaddr*>(&asker);
+        std::string szQuery(512, '\0');
+        pollfd entry = {m_fd.iGet(), POLLIN, 0};
+        if (poll(&entry, 1, kAwaitLimitMs) != 1 ||
+            recvfrom(m_fd.iGet(), szQuery.data(), szQuery.size(), 0, pAsker, &length) < 17) {
+            return;
+        }
+        const size_t end = szQuery.find('\0', 12) + 5; // of name, type and class
+        const bool bForIPv4 = szQuery[end - 3] == 1;
+        const std::string szCounts("\0\1\0\1\0\0\0\0", 8); // one question, one record
+        const std::string szNoRecord("\0\1\0\0\0\0\0\0", 8);
+        const std::string szRecord("\xC0\x0C\0\1\0\1\0\0\0\1\0\4\x7F\0\0\1", 16);
+        const std::string szAnswer = szQuery.substr(0, 2) + "\x81\x80" +
+                                     (bForIPv4 ? szCounts : szNoRecord) +
+                                     szQuery.substr(12, end - 12) + (bForIPv4 ? szRecord : "");
+        poll(nullptr, 0, iAfterMs); // the delay is what is tested
+        sendto(m_fd.iGet(), szAnswer.data(), szAnswer.size(), 0, pAsker, length);
+    }
+
+private:
+    QuorCore::CUniqueFd m_fd;
+};
+
+// A name server that hears every question and answers none.
+TEST_F(AQuorctl, IsOverInTimeWhileTheNameServerIsSilent)
+{
+    const CTempDirectory directory;
+    const auto run = [&directory] {
+        ANameServer server;
+        if (!server.bStart(directory.szPath("resolv.conf"))) {
             return 99;
         }
         const ChildResult result =
@@ -206,5 +246,35 @@ TEST_F(AQuorctl, IsOverInTimeWhileTheNameServerIsSilent)
     }
     ExpectFailure(result, 3, "the address of device.example was not found in 400 ms");
     EXPECT_GT(5000 * (kSanitized ? 3 : 1), watch.iElapsedMs()); // a look-up takes 10 s
+}
+
+// The second that an attempt to connect has is not the look-up's.
+TEST_F(AQuorctl, WaitsForADaemonWhoseNameIsFoundSlowly)
+{
+    const CTempDirectory directory;
+    const auto run = [&directory] {
+        ANameServer server;
+        CTcpPeer peer;
+        if (!server.bStart(directory.szPath("resolv.conf"))) {
+            return 99;
+        }
+        peer.Listen();
+        CChild child(Quorctl({"--host", "device.example", "--port", std::to_string(peer.iPort()),
+                              "--timeout", "4000", "wait"}));
+        server.AnswerOne(1300);
+        server.AnswerOne(0); // for the other family, asked at the same time
+        if (peer.bAccept()) {
+            peer.bSend(FrameBytes(kPong));
+        }
+        const ChildResult result = child.Await();
+        std::fputs(result.szErrors.c_str(), stderr);
+        return result.iExitCode;
+    };
+    const ChildResult result = RunInChild(run, 4 * kAwaitLimitMs);
+    if (result.iExitCode == 99) {
+        GTEST_SKIP() << "no network of its own to be had: " << result.szErrors;
+    }
+    EXPECT_EQ(0, result.iExitCode);
+    EXPECT_EQ("", result.szErrors);
 }
 } // namespace

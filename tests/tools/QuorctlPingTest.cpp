@@ -100,6 +100,17 @@ TEST_F(AQuorctl, WaitsUntilSomebodyListensAndAnswers)
     EXPECT_LT(100, objects[0]["waited_ms"].asDouble());
 }
 
+// A machine that was switched off meanwhile resets the connection when it is up and pinged again.
+TEST_F(AQuorctl, PingsAgainOverTheSameConnectionWhileItWaits)
+{
+    EXPECT_EQ(kPing, Requested({"--timeout", "20000", "wait"}).iCommand);
+    EXPECT_EQ(kPing, ReceiveFrame(m_Peer).iCommand);
+    m_Peer.Reset();
+    ASSERT_TRUE(m_Peer.bAccept());
+    ASSERT_TRUE(m_Peer.bSend(FrameBytes(kPong)));
+    EXPECT_EQ(0, End().iExitCode);
+}
+
 TEST_F(AQuorctl, GivesUpWaitingInTime)
 {
     const std::string szPort = std::to_string(iFreePort());

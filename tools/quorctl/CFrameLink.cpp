@@ -69,9 +69,11 @@ int iConnectTo(const Address& address, const CDeadline& deadline, int iWakeFd, C
 }
 } // namespace
 
-CDescriptor Connect(const CTarget& target, const CDeadline& deadline, int iWakeFd)
+CDescriptor Connect(const CTarget& target, const CDeadline& whole, int iWakeFd, int iConnectLimitMs)
 {
-    const std::vector<Address> addresses = target.Addresses(deadline, iWakeFd);
+    const std::vector<Address> addresses = target.Addresses(whole, iWakeFd);
+    const bool bLess = iConnectLimitMs < whole.iRemainingMs();
+    const CDeadline deadline = bLess ? CDeadline(iConnectLimitMs) : whole;
     CDescriptor result;
     int iError = 0;
     int iLeft = static_cast<int>(addresses.size());
@@ -90,9 +92,10 @@ CDescriptor Connect(const CTarget& target, const CDeadline& deadline, int iWakeF
                        std::generic_category().message(iError));
 }
 
-CFrameLink::CFrameLink(const CTarget& target, const CDeadline& deadline, int iWakeFd)
-    : m_szPeer(target.szName()), m_iWakeFd(iWakeFd), m_socket(Connect(target, deadline, iWakeFd)),
-      m_decoder(m_szPeer)
+CFrameLink::CFrameLink(const CTarget& target, const CDeadline& deadline, int iWakeFd,
+                       int iConnectLimitMs)
+    : m_szPeer(target.szName()), m_iWakeFd(iWakeFd),
+      m_socket(Connect(target, deadline, iWakeFd, iConnectLimitMs)), m_decoder(m_szPeer)
 {
 }
 

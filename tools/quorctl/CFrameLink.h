@@ -9,6 +9,7 @@
 #include "CTarget.h"
 #include "Failure.h"
 
+#include <climits>
 #include <optional>
 #include <string>
 
@@ -16,8 +17,11 @@ namespace QuorCtl
 {
 /// @return A connected, non-blocking, close-on-exec stream socket.
 /// @param iWakeFd  Readable when the command is to be given up; -1 for none.
+/// @param iConnectLimitMs  For connecting alone, once the host was looked up, in ms; the deadline
+///                         holds all the same.
 /// @throw CLinkFailure  No address of the target took the connection in time.
-CDescriptor Connect(const CTarget& target, const CDeadline& deadline, int iWakeFd = -1);
+CDescriptor Connect(const CTarget& target, const CDeadline& deadline, int iWakeFd = -1,
+                    int iConnectLimitMs = INT_MAX);
 
 /**
  * @brief Connects, sends and receives, and answers the daemon's pings on the way.
@@ -32,7 +36,9 @@ class CFrameLink
 public:
     /// @param iWakeFd  Readable when the command is to be given up, as that of CSignalWatch; -1 for
     ///                 none. Not owned.
-    CFrameLink(const CTarget& target, const CDeadline& deadline, int iWakeFd = -1);
+    /// @param iConnectLimitMs  As Connect() has it.
+    CFrameLink(const CTarget& target, const CDeadline& deadline, int iWakeFd = -1,
+               int iConnectLimitMs = INT_MAX);
 
     /// @throw CTimeOut  The daemon does not read.
     void Send(const CFrame& frame, const CDeadline& deadline);

@@ -6,6 +6,7 @@
 #include "Poll.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace QuorCtl
 {
@@ -17,11 +18,24 @@ constexpr int kPauseMs = 50; // between two attempts
 // 1, 3, 7 s (tcp(7), tcp_syn_retries): a new attempt is faster.
 constexpr int kConnectLimitMs = 1000;
 
+// A machine that loses its power with our ping taken and not answered says nothing, and nothing
+// more comes from it over this connection: only when something is sent does it tell, once it is up.
+constexpr int kPingAgainMs = 1000;
+
 void PingOverNewLink(const CTarget& target, const CDeadline& deadline)
 {
-    CFrameLink link(target, CDeadline(std::min(kConnectLimitMs, deadline.iRemainingMs())));
-    link.Send(CFrame(QuorCore::CMD_COMMUN_PING), deadline);
-    link.Await(QuorCore::CMD_COMMUN_PONG, deadline);
+    CFrameLink link(target, deadline, -1, kConnectLimitMs);
+    while (!deadline.bPassed()) {
+        link.Send(CFrame(QuorCore::CMD_COMMUN_PING), deadline);
+        const CDeadline nextPing(std::min(kPingAgainMs, deadline.iRemainingMs()));
+        while (!nextPing.bPassed()) {
+            const std::optional<CFrame> frame = link.Receive(nextPing);
+            if (frame && frame->header.command == QuorCore::CMD_COMMUN_PONG) {
+                return;
+            }
+        }
+    }
+    throw link.NoAnswer(deadline);
 }
 } // namespace
 
