@@ -27,6 +27,12 @@ std::string szOneLine(std::string szText)
     std::replace(szText.begin(), szText.end(), '\n', ' ');
     return szText;
 }
+
+std::string szUnknown(const std::string& szWord)
+{
+    const bool bOption = szWord.size() > 1 && szWord[0] == '-';
+    return (bOption ? "unknown option '" : "unknown command '") + szVisible(szWord) + '\'';
+}
 } // namespace
 
 CCommandLine::CCommandLine()
@@ -94,10 +100,8 @@ bool CCommandLine::bParse(int argc, const char* const* argv)
     } catch (const CLI::RequiredError& error) {
         const std::vector<std::string> unknown = m_pApp->remaining();
         if (m_pApp->get_subcommands().empty()) { // what the parser says of it names no word
-            throw CUsageError((unknown.empty()
-                                   ? "no command"
-                                   : "unknown command '" + szVisible(unknown[0]) + '\'') +
-                              std::string(" (see quorctl --help)"));
+            throw CUsageError((unknown.empty() ? "no command" : szUnknown(unknown[0])) +
+                              " (see quorctl --help)");
         }
         throw CUsageError(szVisible(szOneLine(error.what())) + " (see quorctl --help)");
     } catch (const CLI::ParseError& error) {
