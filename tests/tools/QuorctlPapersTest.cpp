@@ -1,5 +1,6 @@
 // What comes with quorctl: its man page and its completion.
 #include "support/CChild.h"
+#include "support/CTempDirectory.h"
 #include "support/Files.h"
 #include "tools/QuorctlProgram.h"
 
@@ -103,6 +104,10 @@ TEST(TheCompletionOfQuorctl, OffersFiles)
 {
     EXPECT_EQ("/dev/null\n", szOffered("quorctl send 1 --file /dev/nul"));
     EXPECT_EQ("", szOffered("quorctl --port ''"));
+    const CTempDirectory directory;
+    WriteFile(directory.szPath("two words"), "");
+    EXPECT_EQ(directory.szPath("two words") + '\n',
+              szOffered("quorctl send 1 --file " + directory.szPath("two")));
 }
 
 // What is completed is what there is.

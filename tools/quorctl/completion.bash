@@ -10,7 +10,7 @@ _quorctl()
     case $prev in
         --unix | --file)
             compopt -o filenames 2> /dev/null
-            COMPREPLY=($(compgen -f -- "$cur"))
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur") # names may have blanks
             return
             ;;
         --host)
