@@ -154,5 +154,8 @@ public:
 
 protected:
     ustring* m_pPayload; ///< Borrowed; null in a stream over something else.
+
+private:
+    friend class CPlainStream;
 };
 } // namespace QuorCore

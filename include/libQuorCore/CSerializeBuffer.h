@@ -47,5 +47,8 @@ public:
 protected:
     uint8_t* m_pBuffer; ///< Borrowed.
     int32_t m_Size;     ///< Bytes at m_pBuffer, 0 or more.
+
+private:
+    friend class CPlainStream;
 };
 } // namespace QuorCore

@@ -1,0 +1,564 @@
+#include "libQuorCore/CListBase.h"
+
+#include "internal/CHeldLock.h"
+#include "internal/JsonFile.h"
+
+#include "libQuorCore/CString.h"
+#include "libQuorCore/CThread.h"
+
+#include <algorithm>
+#include <dirent.h>
+#include <exception>
+#include <limits>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace QuorCore
+{
+namespace
+{
+constexpr long kNotRead = -2;
+constexpr const char* kUnexpected = " : Valeur d’attribut non prévue ou incohérente";
+constexpr const char* kNameChild = "name"; // its text is the item's label
+constexpr size_t kIndexDigits = 5;         // of the greatest position, 65535
+
+using Held = CHeldLock<CRecursiveLock>;
+
+bool bIsDigits(const std::string& szText)
+{
+    return !szText.empty() && szText.find_first_not_of("0123456789") == std::string::npos;
+}
+
+/// Positions in their order, then other names in theirs.
+bool bComesBefore(const std::string& szLeft, const std::string& szRight)
+{
+    const bool bLeft = bIsDigits(szLeft);
+    const bool bRight = bIsDigits(szRight);
+    if (bLeft && bRight && szLeft.size() != szRight.size()) {
+        return szLeft.size() < szRight.size();
+    }
+    return bLeft != bRight ? bLeft : szLeft < szRight;
+}
+
+/// The names of the working directory that a label can have; the greatest number of them first cut
+/// to @p max.
+std::vector<std::string> FileNames(size_t max)
+{
+    std::vector<std::string> names;
+    DIR* const pDirectory = ::opendir("."); // close-on-exec by itself
+    if (pDirectory == nullptr) {
+        return names;
+    }
+    while (const dirent* const pEntry = ::readdir(pDirectory)) {
+        if (bIsFileName(pEntry->d_name) && pEntry->d_type != DT_DIR) {
+            names.emplace_back(pEntry->d_name);
+        }
+    }
+    ::closedir(pDirectory);
+    std::sort(names.begin(), names.end(), bComesBefore);
+    names.resize(std::min(names.size(), max));
+    return names;
+}
+} // namespace
+
+CListBase::CListBase(CObject* pParent, const char* szLabel, uint16_t sizeMax)
+    : CRecord(pParent, szLabel), m_SizeMax(sizeMax),
+      m_Nb(nullptr, "", 0, 0, std::numeric_limits<short>::max(), 0) // no child: no item of the list
+{
+    m_bIsList = true;
+}
+
+CListBase::~CListBase()
+{
+    Forget(true);
+}
+
+void CListBase::CountItems()
+{
+    m_Nb.SetVal(static_cast<short>(m_Record.size()));
+}
+
+void CListBase::Forget(bool bDelete)
+{
+    while (!m_Record.empty()) {
+        CObjectData* const pItem = m_Record.back();
+        if (pItem != nullptr && bDelete && pItem->m_bOwned) {
+            Drop(pItem);
+        } else {
+            m_Record.pop_back();
+            if (pItem != nullptr && pItem->m_pHolder == this) {
+                pItem->m_bOwned = false;
+                Unlink(pItem);
+            }
+        }
+    }
+    CountItems();
+}
+
+void CListBase::Drop(CObjectData* pItem)
+{
+    const bool bOwned = pItem->m_bOwned;
+    Detach(pItem);
+    if (bOwned) {
+        delete pItem;
+    }
+}
+
+void CListBase::Reset()
+{
+    const Held held(m_Lock);
+    if (held) {
+        Forget(bIsAttributeCanDelete());
+        SetNull(true);
+    }
+}
+
+long CListBase::iSerialize(CSerialize& stream)
+{
+    const Held held(m_Lock);
+    if (!held) {
+        return -1;
+    }
+    if (stream.m_bLog) {
+        QUORCORE_LOG(LOG_DEBUG, "%s = {\r\n", m_szLabel.c_str());
+    }
+    long iRet = 0;
+    if (stream.m_bSave) {
+        iRet = stream.iPushU16(static_cast<uint16_t>(m_Record.size()), "");
+        if (iRet == 0) {
+            CRecord::iSerialize(stream); // its result is dropped, see the header
+        }
+    } else {
+        iRet = iReadItems(stream);
+    }
+    CountItems();
+    if (iRet != 0) {
+        QUORCORE_LOG(LOG_ERR, "%s; iRet = %ld", m_szLabel.c_str(), iRet);
+    }
+    if (stream.m_bLog) {
+        QUORCORE_LOG(LOG_DEBUG, "%s; iRet = %ld", m_szLabel.c_str(), iRet);
+    }
+    return iRet;
+}
+
+long CListBase::iReadItems(CSerialize& stream)
+{
+    uint16_t iCount = 0;
+    long iRet = stream.iPopU16(iCount, "");
+    iRet = iRet == 0 ? CObject::iSerialize(stream) : iRet;
+    if (iRet != 0) {
+        return iRet;
+    }
+    if (bIsAttributeCanDelete()) {
+        return iRebuild(stream, iCount);
+    }
+    if (iCount != m_Record.size()) {
+        return -1;
+    }
+    for (auto item = m_Record.begin(); iRet == 0 && item != m_Record.end(); ++item) {
+        iRet = *item != nullptr ? (*item)->iSerialize(stream) : 0;
+    }
+    return iRet;
+}
+
+long CListBase::iRebuild(CSerialize& stream, uint16_t iCount)
+{
+    const uint8_t iAttribut = m_iAttribut; // the sender's; Reset() and adding change the null bit
+    long iRet = 0;
+    try {
+        Reset();
+        // One item at a time, and none before its bytes are there: the count is the peer's.
+        for (uint16_t iDone = 0; iRet == 0 && iDone < iCount; ++iDone) {
+            auto pItem = pNewItem();
+            iRet = pItem->iSerialize(stream);
+            if (iRet == 0 && !bAppend(std::move(pItem))) {
+                iRet = -1;
+            }
+        }
+    } catch (const std::exception&) { // no memory
+        iRet = -1;
+    }
+    m_iAttribut = iAttribut;
+    return iRet;
+}
+
+long CListBase::iCheckStatus(CSerialize& stream, bool bReset)
+{
+    const Held held(m_Lock);
+    if (!held) {
+        return -1;
+    }
+    if (stream.m_bLog) {
+        // At the level of an error, unlike all other first lines: scripts find a check by it. Held
+        // by AList.AnnouncesItsCheckAsAnError.
+        QUORCORE_LOG(LOG_ERR, "%s = {\r\n", m_szLabel.c_str());
+    }
+    int iCount = m_SizeMax + 1; // in an int: 65536 for the largest list
+    long iRet = 0;
+    if (stream.bIsReady()) {
+        uint16_t iPopped = 0;
+        iRet = stream.iPopU16(iPopped, "");
+        iCount = iRet == 0 ? iPopped : iCount;
+    } else {
+        iCount = static_cast<int>(m_Record.size());
+    }
+    iRet = iRet == 0 && iCount > m_SizeMax ? kOutOfBounds : iRet;
+    iRet = iRet == 0 ? CObject::iCheckStatus(stream, bReset) : iRet;
+    if (iRet == 0 && stream.bIsReady() && iCount > 0) {
+        const auto pScratch = pNewItem();
+        for (int iDone = 0; iRet == 0 && iDone < iCount; ++iDone) {
+            iRet = pScratch->iCheckStatus(stream, bReset);
+        }
+    }
+    if (iRet != 0) {
+        QUORCORE_LOG(LOG_ERR, "%s; iRet = %ld", m_szLabel.c_str(), iRet);
+    }
+    if (stream.m_bLog) {
+        QUORCORE_LOG(LOG_DEBUG, "%s; iRet = %ld", m_szLabel.c_str(), iRet);
+    }
+    return iRet;
+}
+
+void CListBase::SerializeJson(CContextJson& context, Json::Value& value, bool bArray, int iDepth)
+{
+    const Held held(m_Lock);
+    if (!held) {
+        return;
+    }
+    context.m_bRoot = false;
+    PublishLeaf(context, value, bArray, [&] { return ItemsAsJson(context, iDepth); });
+}
+
+Json::Value CListBase::ItemsAsJson(CContextJson& context, int iDepth)
+{
+    const bool bFiles = context.bIsFile() && m_bIsContainer;
+    std::set<std::string> written;
+    Json::Value array(Json::arrayValue);
+    for (CObjectData* pItem : m_Record) {
+        if (pItem == nullptr) {
+            continue;
+        }
+        const bool bRecord = dynamic_cast<CRecord*>(pItem) != nullptr;
+        if (bFiles && !written.insert(pItem->szGetLabel()).second) {
+            QUORCORE_LOG(LOG_ERR, "fichier : %s: a second item of this label",
+                         pItem->szGetLabel().c_str());
+        }
+        Json::Value element; // a record's members come into it, a leaf comes as an element
+        if (!(bRecord && pItem->bIsNull())) {
+            Json::Value leaf;
+            pItem->SerializeJson(context, bRecord ? element : leaf, true, iDepth);
+            if (!bRecord && leaf.isArray() && !leaf.empty()) {
+                element = std::move(leaf[0]);
+            }
+        }
+        if (bFiles && !bRecord) {
+            pItem->WriteOwnFile(element); // a record has done it by itself
+        }
+        // JSON null keeps the place; under eNotify what did not change is left out.
+        if (!element.isNull() || context.m_Cmd != CContextJson::eNotify) {
+            array.append(std::move(element));
+        }
+    }
+    return array;
+}
+
+long CListBase::iDeserializeJson(CContextJson& context, Json::Value& value)
+{
+    const Held held(m_Lock);
+    if (!held) {
+        return 0;
+    }
+    context.m_bRoot = false;
+    if (context.bIsFile() && m_bIsContainer) {
+        iDeserializeDirectoryJson(context);
+    } else if (context.m_Cmd == CContextJson::ePost) {
+        m_bIsModified = false;
+        auto pItem = pNewItem();
+        pItem->DeserializeArrayJson(context, value);
+        bAppend(std::move(pItem));
+    } else if (Json::Value* const pMember = pFindOwnMember(value)) {
+        if (context.m_Cmd == CContextJson::eNotify) {
+            m_bIsModified = false;
+        } else if (pMember->isArray()) {
+            ReadArray(context, *pMember);
+        }
+    }
+    CountItems();
+    return 0;
+}
+
+void CListBase::ReadArray(CContextJson& context, Json::Value& array)
+{
+    if (!bIsAttributeCanDelete()) {
+        if (array.size() != m_Record.size()) {
+            return;
+        }
+        SetNull(false);
+        for (Json::ArrayIndex i = 0; i < array.size(); ++i) {
+            if (m_Record[i] != nullptr) {
+                m_Record[i]->DeserializeArrayJson(context, array[i]);
+            }
+        }
+        return;
+    }
+    Reset();
+    SetNull(false);
+    for (Json::Value& element : array) {
+        auto pItem = pNewItem();
+        pItem->DeserializeArrayJson(context, element);
+        if (!bAppend(std::move(pItem))) {
+            return;
+        }
+    }
+}
+
+void CListBase::DeserializeArrayJson(CContextJson& context, Json::Value& value)
+{
+    const Held held(m_Lock);
+    if (!held) {
+        return;
+    }
+    Json::Value* const pArray = pFindOwnMember(value);
+    Forget(true); // nobody else has a pointer to what reading made
+    SetNull(true);
+    if (pArray != nullptr && pArray->isArray()) {
+        SetNull(false);
+        for (Json::Value& element : *pArray) {
+            auto pItem = pNewItem();
+            pItem->iDeserializeJson(context, element);
+            bAppend(std::move(pItem));
+        }
+    }
+    CountItems();
+}
+
+long CListBase::iCheckJson(CContextJson& context, Json::Value& value, std::string* pszError,
+                           bool bReset)
+{
+    const Held held(m_Lock);
+    if (!held) {
+        return 0;
+    }
+    context.m_bRoot = false;
+    const bool bPost = context.m_Cmd == CContextJson::ePost;
+    Json::Value* const pMember = bPost ? &value : pFindOwnMember(value);
+    if (pMember == nullptr) {
+        return 0;
+    }
+    if (!bCheckRestriction(context, false)) {
+        return iRefuseJson(context, pszError);
+    }
+    if (bPost) {
+        // A POST reaches every list of a record with the whole request: what is no element of this
+        // one is no reason to refuse it.
+        const auto pItem = pNewItem();
+        const bool bRecord = dynamic_cast<CRecord*>(pItem.get()) != nullptr;
+        return value.isObject() == bRecord
+                   ? pItem->iCheckArrayJson(context, value, pszError, bReset)
+                   : 0;
+    }
+    return pMember->isNull() && bIsNull() ? 0 : iCheckArray(context, *pMember, pszError, bReset);
+}
+
+long CListBase::iCheckArrayJson(CContextJson& context, Json::Value& value, std::string* pszError,
+                                bool bReset)
+{
+    return iCheckJson(context, value, pszError, bReset); // as an element it is an object with it
+}
+
+long CListBase::iCheckArray(CContextJson& context, Json::Value& array, std::string* pszError,
+                            bool bReset)
+{
+    const bool bFixed = !bIsAttributeCanDelete();
+    if (!array.isArray() || (bFixed ? array.size() != m_Record.size() : array.size() > m_SizeMax)) {
+        context.Refuse(m_szLabel + kUnexpected);
+        return iRefuseJson(context, pszError);
+    }
+    const auto pScratch = bFixed ? nullptr : pNewItem();
+    long iRet = 0;
+    for (Json::ArrayIndex i = 0; iRet == 0 && i < array.size(); ++i) {
+        CObjectData* const pItem = bFixed ? m_Record[i] : pScratch.get();
+        iRet = pItem != nullptr ? pItem->iCheckArrayJson(context, array[i], pszError, bReset) : 0;
+    }
+    return iRet;
+}
+
+CObjectData* CListBase::pFindChildByName(const char* szName)
+{
+    const Held held(m_Lock);
+    if (!held || szName == nullptr) {
+        return nullptr;
+    }
+    if (m_szLabel == szName) {
+        return this;
+    }
+    for (CObjectData* pItem : m_Record) {
+        if (pItem != nullptr && pItem->szGetLabel() == szName) {
+            return pItem;
+        }
+    }
+    return bIsIndex(szName) ? pGetAt(std::stoi(szName) - 1) : CObjectData::pFindChildByName(szName);
+}
+
+long CListBase::iAdd(CObjectData* pItem, bool bTake)
+{
+    const Held held(m_Lock);
+    if (!held || pItem == nullptr) {
+        return -1;
+    }
+    if (pItem->m_pHolder == this) {
+        return 0; // it is here already
+    }
+    // A full list drops its oldest item, whatever the can-delete bit, and takes the new one: a ring
+    // of the last entries. Held by AList.DropsItsOldestItemWhenItIsFull.
+    if (!m_Record.empty() && m_Record.size() >= m_SizeMax) {
+        CObjectData* const pOldest = m_Record.front();
+        if (pOldest != nullptr) {
+            Drop(pOldest);
+        } else {
+            m_Record.pop_front();
+        }
+    }
+    if (m_Record.size() >= m_SizeMax) { // the limit was lowered; one goes with each that comes
+        CountItems();
+        return -1;
+    }
+    CRecord::iAdd(pItem, bTake);
+    pItem->m_bOwned = bTake;
+    SetNull(false);
+    CountItems();
+    // Only records have children: asking a leaf would leave a line in the log for each.
+    auto* const pRecord = dynamic_cast<CRecord*>(pItem);
+    auto* const pName = pRecord != nullptr
+                            ? dynamic_cast<CString*>(pRecord->pFindChildByName(kNameChild))
+                            : nullptr;
+    pItem->SetLabel(pName != nullptr ? pName->szGetVal().c_str()
+                                     : std::to_string(m_Record.size()).c_str());
+    return 0;
+}
+
+bool CListBase::bAppend(std::unique_ptr<CObjectData> pItem)
+{
+    if (iAdd(pItem.get(), true) != 0) {
+        return false;
+    }
+    pItem.release(); // the list's from now on
+    return true;
+}
+
+long CListBase::iRemove(CObjectData* pItem)
+{
+    const Held held(m_Lock);
+    if (!held || pFind(pItem) == nullptr) {
+        return -1;
+    }
+    Drop(pItem);
+    CountItems();
+    return 0;
+}
+
+long CListBase::iDeserializeDirectoryJson(CContextJson& context)
+{
+    const Held held(m_Lock);
+    if (!held) {
+        return -1;
+    }
+    long iRet = 0;
+    if (!bIsAttributeCanDelete()) {
+        for (CObjectData* pItem : m_Record) {
+            if (pItem != nullptr && !pItem->bReadOwnFile(context)) {
+                iRet = kNotRead;
+            }
+        }
+        return iRet;
+    }
+    const std::vector<std::string> names = FileNames(m_SizeMax);
+    Reset();
+    SetNull(false);
+    for (const std::string& szName : names) {
+        auto pItem = pNewItem();
+        pItem->SetLabel(szName.c_str());
+        CObjectData* const pAdded = pItem.get();
+        if (!pItem->bReadOwnFile(context)) {
+            iRet = kNotRead;
+        } else if (bAppend(std::move(pItem))) {
+            pAdded->SetLabel(szName.c_str()); // its file's, also when others are missing before it
+        }
+    }
+    CountItems();
+    return iRet;
+}
+
+void CListBase::Insert(CObjectData* pItem, int iPos)
+{
+    const Held held(m_Lock);
+    if (held && m_Record.size() < m_SizeMax) {
+        CRecord::Insert(pItem, iPos);
+        CountItems();
+    }
+}
+
+long CListBase::iPermute(int iFirst, int iSecond)
+{
+    const Held held(m_Lock);
+    if (!held || pGetAt(iFirst) == nullptr || pGetAt(iSecond) == nullptr) {
+        return -1;
+    }
+    std::swap(m_Record[static_cast<size_t>(iFirst)], m_Record[static_cast<size_t>(iSecond)]);
+    return 0;
+}
+
+void CListBase::Copy(CListBase& other, int iCount)
+{
+    if (&other == this) {
+        return;
+    }
+    // By way of the bytes, each list under its own lock alone: two that copy each other must not
+    // wait for each other.
+    ustring bytes;
+    int iItems = 0;
+    {
+        const Held held(other.m_Lock);
+        CSerialize writer(&bytes, true, false, false);
+        const auto size = static_cast<int>(other.m_Record.size());
+        for (; held && iItems < std::min(iCount, size); ++iItems) {
+            CObjectData* const pItem = other.m_Record[static_cast<size_t>(iItems)];
+            if (pItem != nullptr) {
+                pItem->iSerialize(writer);
+            }
+        }
+    }
+    const Held held(m_Lock);
+    if (!held) {
+        return;
+    }
+    CSerialize reader(&bytes, false, false, false);
+    Forget(true);
+    for (long iRet = 0; iRet == 0 && iItems > 0; --iItems) {
+        auto pItem = pNewItem();
+        iRet = pItem->iSerialize(reader);
+        if (iRet == 0) {
+            bAppend(std::move(pItem));
+        }
+    }
+    CountItems();
+}
+
+bool CListBase::bIsIndex(const char* szName)
+{
+    const Held held(m_Lock);
+    const std::string szText = szName != nullptr ? szName : "";
+    if (!held || !bIsDigits(szText) || szText.size() > kIndexDigits) {
+        return false;
+    }
+    const auto index = static_cast<size_t>(std::stoi(szText));
+    return index >= 1 && index <= m_Record.size();
+}
+
+int CListBase::iGetNbr()
+{
+    const Held held(m_Lock);
+    return static_cast<int>(m_Record.size());
+}
+} // namespace QuorCore

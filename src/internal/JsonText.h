@@ -1,0 +1,46 @@
+/// @file
+/// @brief JSON documents from text and to text: the one place that uses jsoncpp's older classes.
+#pragma once
+
+#include <json/json.h>
+#include <sstream>
+#include <string>
+
+// Newer versions of jsoncpp mark these classes as deprecated. They fix the texts that daemons and
+// their clients exchange, so they stay; nothing outside this header names them.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace QuorCore
+{
+/**
+ * @brief Parses a text, comments allowed and kept.
+ * @param szErrors  Receives the reader's messages when it is no JSON.
+ * @return Whether it is JSON. Throws what jsoncpp throws, as for more than 1000 levels.
+ */
+inline bool bParseJson(const std::string& szText, Json::Value& value, std::string& szErrors)
+{
+    Json::Reader reader;
+    if (reader.parse(szText.data(), szText.data() + szText.size(), value)) {
+        return true;
+    }
+    szErrors = reader.getFormattedErrorMessages();
+    return false;
+}
+
+/// @return The document in one line that ends in a line feed.
+inline std::string szCompactJson(const Json::Value& value)
+{
+    return Json::FastWriter().write(value);
+}
+
+/// @return The document as files have it: indented with tabs.
+inline std::string szStyledJson(const Json::Value& value)
+{
+    std::ostringstream text;
+    Json::StyledStreamWriter("\t").write(text, value);
+    return text.str();
+}
+} // namespace QuorCore
+
+#pragma GCC diagnostic pop
