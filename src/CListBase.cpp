@@ -244,20 +244,22 @@ Json::Value CListBase::ItemsAsJson(CContextJson& context, int iDepth)
             QUORCORE_LOG(LOG_ERR, "fichier : %s: a second item of this label",
                          pItem->szGetLabel().c_str());
         }
-        Json::Value element; // a record's members come into it, a leaf comes as an element
-        if (!(bRecord && pItem->bIsNull())) {
-            Json::Value leaf;
-            pItem->SerializeJson(context, bRecord ? element : leaf, true, iDepth);
-            if (!bRecord && leaf.isArray() && !leaf.empty()) {
-                element = std::move(leaf[0]);
+        const Json::ArrayIndex place = array.size();
+        if (!bRecord) {
+            pItem->SerializeJson(context, array, true, iDepth);
+        } else if (!pItem->bIsNull()) {
+            Json::Value members;
+            pItem->SerializeJson(context, members, true, iDepth);
+            if (!members.isNull()) {
+                array.append(std::move(members));
             }
         }
-        if (bFiles && !bRecord) {
-            pItem->WriteOwnFile(element); // a record has done it by itself
-        }
         // JSON null keeps the place; under eNotify what did not change is left out.
-        if (!element.isNull() || context.m_Cmd != CContextJson::eNotify) {
-            array.append(std::move(element));
+        if (array.size() == place && context.m_Cmd != CContextJson::eNotify) {
+            array.append(Json::Value());
+        }
+        if (bFiles && !bRecord && array.size() > place) {
+            pItem->WriteOwnFile(array[place]); // a record has done it by itself
         }
     }
     return array;

@@ -5,8 +5,8 @@
 #include "libQuorCore/CNumber.h"
 #include "libQuorCore/CThread.h"
 
-#include <cstring>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 namespace QuorCore
@@ -16,20 +16,33 @@ namespace
 constexpr const char* kWrongType =
     "La valeur d’un attribut fourni dans la méthode ne correspond pas au type attendu";
 
+constexpr int kHeadBytes = 3; // attribute byte and length
+
 const char* szOrEmpty(const char* szText)
 {
     return szText != nullptr ? szText : "";
 }
 
-/// Takes over a JSON string as it is, NULs included. @return Whether it is one.
-bool bTakeText(const Json::Value& value, std::string& szText)
+/// Looks at a JSON string where it is, NULs included. @return Whether it is one.
+bool bLookAt(const Json::Value& value, std::string_view& szText)
 {
     const char* pBegin = nullptr;
     const char* pEnd = nullptr;
     if (!value.isString() || !value.getString(&pBegin, &pEnd)) {
         return false;
     }
-    szText.assign(pBegin, pEnd);
+    szText = std::string_view(pBegin, static_cast<size_t>(pEnd - pBegin));
+    return true;
+}
+
+/// Takes over a JSON string. @return Whether it is one.
+bool bTakeText(const Json::Value& value, std::string& szText)
+{
+    std::string_view szFound;
+    if (!bLookAt(value, szFound)) {
+        return false;
+    }
+    szText.assign(szFound);
     return true;
 }
 
@@ -84,8 +97,8 @@ long CString::iPushText(CSerialize& stream)
     const auto iLength = static_cast<uint16_t>(m_Val.size());
     const auto iSize = static_cast<int>(m_Val.size());
     long iRet = 0;
-    const uint8_t aHead[3] = {m_iAttribut, static_cast<uint8_t>(iLength & 0xFFU),
-                              static_cast<uint8_t>(iLength >> 8U)};
+    const uint8_t aHead[kHeadBytes] = {m_iAttribut, static_cast<uint8_t>(iLength & 0xFFU),
+                                       static_cast<uint8_t>(iLength >> 8U)};
     if (bIsAttributeNone() || !CPlainStream::bPush(stream, aHead, sizeof(aHead))) {
         iRet = CObjectData::iSerialize(stream);
         iRet = iRet == 0 ? stream.iPushU16(iLength, "") : iRet;
@@ -96,13 +109,27 @@ long CString::iPushText(CSerialize& stream)
     return iRet;
 }
 
+long CString::iPopValue(CSerialize& stream)
+{
+    const uint8_t* const pHead =
+        bIsAttributeNone() ? nullptr : CPlainStream::pPop(stream, kHeadBytes);
+    if (pHead != nullptr) {
+        m_iAttribut = pHead[0];
+        return iPopCharacters(stream, static_cast<uint16_t>(pHead[1] | pHead[2] << 8U), m_Val);
+    }
+    const long iRet = CObjectData::iSerialize(stream);
+    return iRet == 0 ? iPopText(stream, m_Val) : iRet;
+}
+
 long CString::iPopText(CSerialize& stream, std::string& szText)
 {
     uint16_t iLength = 0;
     const long iRet = stream.iPopU16(iLength, "");
-    if (iRet != 0) {
-        return iRet;
-    }
+    return iRet == 0 ? iPopCharacters(stream, iLength, szText) : iRet;
+}
+
+long CString::iPopCharacters(CSerialize& stream, uint16_t iLength, std::string& szText)
+{
     szText.clear();
     if (iLength == 0) {
         return 0;
@@ -124,13 +151,7 @@ long CString::iSerialize(CSerialize& stream)
     if (bIsHidden(stream)) {
         return 0;
     }
-    long iRet = 0;
-    if (stream.m_bSave) {
-        iRet = iPushText(stream);
-    } else {
-        iRet = CObjectData::iSerialize(stream);
-        iRet = iRet == 0 ? iPopText(stream, m_Val) : iRet;
-    }
+    const long iRet = stream.m_bSave ? iPushText(stream) : iPopValue(stream);
     if (stream.m_bLog) {
         QUORCORE_LOG(LOG_DEBUG, "%s = %s\r\n", m_szLabel.c_str(), m_Val.c_str());
     }
@@ -220,11 +241,11 @@ long CString::iCheckMember(CContextJson& context, const Json::Value& member, std
     if (bIsHidden(context)) {
         return 0; // reading takes no notice of it
     }
-    std::string szCandidate;
+    std::string_view szCandidate;
     long iRet = 0;
     if (member.isNull()) {
         iRet = bElement ? 0 : iCheckNull(context);
-    } else if (!bTakeText(member, szCandidate) || !bCheckRestriction(context, false)) {
+    } else if (!bLookAt(member, szCandidate) || !bCheckRestriction(context, false)) {
         iRet = -1;
     } else {
         const auto iSize = static_cast<int64_t>(szCandidate.size());
@@ -237,7 +258,7 @@ long CString::iCheckMember(CContextJson& context, const Json::Value& member, std
     BuildJsonError(context, pszError);
     if (context.m_bLog) {
         QUORCORE_LOG(LOG_ERR, "%s = %s | size min = %d | size max = %d\r\n", m_szLabel.c_str(),
-                     szCandidate.c_str(), m_SizeMin, m_SizeMax);
+                     std::string(szCandidate).c_str(), m_SizeMin, m_SizeMax);
     }
     if (bReset) {
         SetVal(m_ValInit);

@@ -4,6 +4,8 @@
 
 #include "libQuorCore/CThread.h"
 
+#include <cstring>
+
 namespace QuorCore
 {
 namespace
@@ -24,6 +26,55 @@ std::string szFormat(time_t time, const char* szForm, bool bLocal)
     return std::string(aText, size);
 }
 
+/// @return The number in @p iCount digits; -1 when there is something else.
+int iDigits(const char* pText, int iCount)
+{
+    int iNumber = 0;
+    for (int i = 0; i < iCount; ++i) {
+        if (pText[i] < '0' || pText[i] > '9') {
+            return -1;
+        }
+        iNumber = iNumber * 10 + (pText[i] - '0');
+    }
+    return iNumber;
+}
+
+/// Reads the form of UTC when it is exactly as this library writes it, which is quick; all else is
+/// left to strptime(). @return Whether it was.
+bool bReadExactUtc(const char* szText, time_t& time)
+{
+    constexpr const char* kMask = "....-..-..T..:..:..Z";
+    constexpr size_t kSize = 20;
+    if (szText == nullptr || ::strnlen(szText, kSize + 1) != kSize) {
+        return false;
+    }
+    for (size_t i = 0; i < kSize; ++i) {
+        if (kMask[i] != '.' && kMask[i] != szText[i]) {
+            return false;
+        }
+    }
+    const int iYear = iDigits(szText, 4);
+    const int iMonth = iDigits(szText + 5, 2);
+    const int iDay = iDigits(szText + 8, 2);
+    const int iHour = iDigits(szText + 11, 2);
+    const int iMinute = iDigits(szText + 14, 2);
+    const int iSecond = iDigits(szText + 17, 2);
+    const bool bDate = iYear >= 1970 && iMonth >= 1 && iMonth <= 12 && iDay >= 1 && iDay <= 31;
+    const bool bTime =
+        iHour >= 0 && iHour <= 23 && iMinute >= 0 && iMinute <= 59 && iSecond >= 0 && iSecond <= 59;
+    if (!bDate || !bTime || (sizeof(time_t) < 8 && iYear > 2037)) {
+        return false;
+    }
+    // Years that begin in March: the leap day is the last of its year.
+    const int iShifted = iMonth > 2 ? iYear : iYear - 1;
+    const int iMonthDays = (153 * (iMonth > 2 ? iMonth - 3 : iMonth + 9) + 2) / 5;
+    constexpr int kDaysTo1970 = 719468; // from 0000-03-01
+    const int iDays = 365 * iShifted + iShifted / 4 - iShifted / 100 + iShifted / 400 + iMonthDays +
+                      iDay - 1 - kDaysTo1970;
+    time = static_cast<time_t>(iDays) * 86400 + iHour * 3600 + iMinute * 60 + iSecond;
+    return true;
+}
+
 /// Reads a text over the date of today, in UTC.
 bool bParse(const char* szText, const char* szForm, tm& fields)
 {
@@ -40,6 +91,9 @@ bool bParse(const char* szText, const char* szForm, tm& fields)
 
 bool bReadDateTime(const char* szText, bool bLocal, time_t& time)
 {
+    if (!bLocal && bReadExactUtc(szText, time)) {
+        return true;
+    }
     tm fields;
     if (!bParse(szText, bLocal ? kLocalForm : kUtcForm, fields)) {
         return false;

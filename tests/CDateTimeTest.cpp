@@ -99,6 +99,22 @@ TEST_F(ADateText, IsReadInTheFormThatWasAskedFor)
     EXPECT_EQ(kNoon, iConvertCurrentTime("2026-11-15T12:30:00.UTC"));
 }
 
+TEST_F(ADateText, IsReadBackOnEveryDay)
+{
+    for (int64_t i = 0; i < 49700; ++i) { // to 2106
+        const int64_t iSeconds = i * 86400 + i % 86400;
+        if (iSeconds > std::numeric_limits<time_t>::max()) {
+            break;
+        }
+        const auto time = static_cast<time_t>(iSeconds);
+        ASSERT_EQ(time, iConvertCurrentDateTime(GetDateTimeString(time, false).c_str(), false));
+    }
+    EXPECT_EQ(-86400, iConvertCurrentDateTime("1969-12-31T00:00:00Z", false));
+    EXPECT_EQ(5270400, iConvertCurrentDateTime("1970-02-31T00:00:00Zxyz", false)) << "strptime()";
+    EXPECT_EQ(iConvertCurrentDateTime("2026-03-03T00:00:00Z", false),
+              iConvertCurrentDateTime("2026-02-31T00:00:00Z", false));
+}
+
 TEST_F(ADateText, IsRefusedInAnotherFormAndLogged)
 {
     const CLogLevel level;

@@ -297,6 +297,24 @@ TEST(ARandomTree, SurvivesAMillionMembersAndStrangeNumbers)
     EXPECT_TRUE(lCode == 200 || lCode == 403);
 }
 
+TEST(ARandomTree, IsPublishedAsTheJsonLibraryWritesIt)
+{
+    Random random(4);
+    for (int i = 0; i < 2000; ++i) {
+        Json::Value value = AnyJson(random, 4);
+        std::string szText = szAnyText(random);
+        szText += static_cast<char>(random());
+        value = iBelow(random, 2) == 0 ? Json::Value(szText) : value;
+        Json::Value whole(Json::objectValue);
+        whole[szText] = value;
+        CObjectData node(nullptr, "n");
+        CContextJson get = Context(CContextJson::eGet);
+        std::string szOut;
+        ASSERT_TRUE(node.bSerializeJson(get, &szOut, &whole, 5));
+        EXPECT_EQ(Json::FastWriter().write(whole), szOut);
+    }
+}
+
 TEST(ALargeTree, IsWrittenPublishedAndReadInLinearTime)
 {
     // Only a guard against quadratic time; the figures are the benchmark's.

@@ -5,6 +5,7 @@
 #include "libQuorCore/CObjectData.h"
 #include "libQuorCore/Export.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -91,7 +92,9 @@ private:
     bool bIsHidden(const CSerialize& stream) const;
     bool bIsHidden(const CContextJson& context) const;
     long iPushText(CSerialize& stream);
-    long iPopText(CSerialize& stream, std::string& szText);
+    long iPopValue(CSerialize& stream);
+    static long iPopText(CSerialize& stream, std::string& szText);
+    static long iPopCharacters(CSerialize& stream, uint16_t iLength, std::string& szText);
     long iCheckMember(CContextJson& context, const Json::Value& member, std::string* pszError,
                       bool bReset, bool bElement);
 };

@@ -28,8 +28,12 @@ inline bool bParseJson(const std::string& szText, Json::Value& value, std::strin
     return false;
 }
 
-/// @return The document in one line that ends in a line feed.
-inline std::string szCompactJson(const Json::Value& value)
+/// @return The document in one line that ends in a line feed: what Json::FastWriter writes, without
+///         its copies of every name.
+std::string szCompactJson(const Json::Value& value);
+
+/// @return The same by Json::FastWriter itself.
+inline std::string szFastWriterJson(const Json::Value& value)
 {
     return Json::FastWriter().write(value);
 }
