@@ -244,7 +244,7 @@ long CString::iCheckMember(CContextJson& context, const Json::Value& member, std
     std::string_view szCandidate;
     long iRet = 0;
     if (member.isNull()) {
-        iRet = bElement ? 0 : iCheckNull(context);
+        iRet = bElement || iCheckNull(context) == 0 ? 0 : -1;
     } else if (!bLookAt(member, szCandidate) || !bCheckRestriction(context, false)) {
         iRet = -1;
     } else {

@@ -304,7 +304,7 @@ TEST_F(AString, AcceptsNullWhenItIsOptional)
     m_Text.SetAttributeOptional(true);
     EXPECT_EQ(0, lCheckText(m_Text, "{\"s\":null}"));
     m_Text.SetReadOnly(true);
-    EXPECT_EQ(403, lCheckText(m_Text, "{\"s\":null}"));
+    EXPECT_EQ(-1, lCheckText(m_Text, "{\"s\":null}"));
 }
 
 TEST_F(AString, IsInitialisedByAJsonCheckThatFailsWithAReset)

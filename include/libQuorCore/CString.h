@@ -63,7 +63,7 @@ public:
      * bounds, both inclusive. A restricted attribute refuses its current value, too.
      *
      * @param bReset  Whether a text that fails gets its initial value, and 0 is returned.
-     * @return 0, -1, or 403 for a null that is restricted.
+     * @return 0 or -1.
      */
     long iCheckJson(CContextJson& context, Json::Value& value, std::string* pszError,
                     bool bReset) override;
