@@ -108,6 +108,14 @@ TEST_F(AValueType, IsAssignedByItsValueAlone)
     EXPECT_FALSE(number.bIsNull());
 }
 
+TEST_F(AValueType, IsAssignedByItsPlainFormToo)
+{
+    CDMNumber<int> number(&m_Record, "i", 1, 0, 9, 1);
+    number = 5;
+    EXPECT_TRUE(number == 5);
+    EXPECT_TRUE(number.bGetIsModified());
+}
+
 TEST_F(AValueType, StandsInNoTreeAsACopy)
 {
     CDMInt number(&m_Record, "i", 1, 0, 9, 2);

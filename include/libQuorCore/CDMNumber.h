@@ -20,6 +20,7 @@ public:
     /// Copies label, values, bounds and attribute byte; the copy stands in no tree.
     CDMNumber(const CDMNumber& other);
 
+    using CNumber<T>::operator=;
     CDMNumber& operator=(const CDMNumber& other); ///< Takes over the value, and nothing else.
 };
 
