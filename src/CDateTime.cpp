@@ -5,7 +5,9 @@
 
 #include "libQuorCore/CThread.h"
 
+#include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace QuorCore
 {
@@ -98,7 +100,9 @@ long CDateTime::iCheckStatus(CSerialize& stream, bool bReset)
         // The result is not looked at, and the position moves twice over the time. Meant, see the
         // header; held by ADateTime.SkipsItsTimeTwiceInTheCheckPass.
         stream.iPopBuffer(&candidate, kTimeBytes, "");
-        stream.iSetPos(long{stream.iGetPos()} + kTimeBytes);
+        // Without an overflow where long has 32 bits.
+        stream.iSetPos(std::min(stream.iGetPos(), std::numeric_limits<int>::max() - kTimeBytes) +
+                       kTimeBytes);
     }
     const auto time = static_cast<time_t>(candidate);
     if (stream.m_bLog && CLogger::bIsEnabled(LOG_DEBUG)) {
