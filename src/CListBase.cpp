@@ -90,6 +90,7 @@ void CListBase::Forget(bool bDelete)
             if (pItem != nullptr && pItem->m_pHolder == this) {
                 pItem->m_bOwned = false;
                 Unlink(pItem);
+                SetFree(pItem);
             }
         }
     }
@@ -102,6 +103,15 @@ void CListBase::Drop(CObjectData* pItem)
     Detach(pItem);
     if (bOwned) {
         delete pItem;
+    } else {
+        SetFree(pItem);
+    }
+}
+
+void CListBase::SetFree(CObjectData* pItem)
+{
+    if (pItem->pGetParent() == this) {
+        pItem->SetParent(nullptr); // it may outlive the list
     }
 }
 

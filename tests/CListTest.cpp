@@ -209,6 +209,25 @@ TEST_F(AList, DeletesItsItemsWithItself)
     EXPECT_EQ(0, m_iAlive);
 }
 
+TEST_F(AList, LeavesItemsThatAreNotItsOwnWithoutAParent)
+{
+    auto pList = std::make_unique<COpenList>(nullptr, "gone", 2);
+    CDMString removed(pList.get(), "", "r");
+    CDMString dropped(pList.get(), "", "d");
+    CDMString kept(pList.get(), "", "k");
+    CDMString last(pList.get(), "", "l");
+    ASSERT_EQ(0, pList->iAdd(&removed, false));
+    ASSERT_EQ(0, pList->iRemove(&removed));
+    for (CDMString* pItem : {&dropped, &kept, &last}) {
+        ASSERT_EQ(0, pList->iAdd(pItem, false));
+    }
+    pList.reset();
+    for (CDMString* pItem : {&removed, &dropped, &kept, &last}) {
+        EXPECT_EQ(nullptr, pItem->pGetParent());
+    }
+    EXPECT_EQ("/2", last.szGetFullName());
+}
+
 TEST_F(AList, DeletesItsItemsInAResetOnlyWhenTheyMayBeDeleted)
 {
     Fill();

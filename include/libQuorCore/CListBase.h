@@ -30,6 +30,7 @@ namespace QuorCore
  * pointer to an item is good as long as m_Lock is held: another thread may remove the item.
  * Ownership: items that were added with iAdd(item, true), and those that reading made, are the
  * list's and are deleted with it. No item may be a member or stand on the stack and be added so.
+ * Other items live on, without a parent if the list was it.
  * Errors: as CObjectData.
  */
 class QUORCORE_API CListBase : public CRecord
@@ -120,6 +121,7 @@ protected:
 private:
     void Forget(bool bDelete);
     void Drop(CObjectData* pItem);
+    void SetFree(CObjectData* pItem);
     void CountItems();
     bool bAppend(std::unique_ptr<CObjectData> pItem);
     std::unique_ptr<CObjectData> pNewItem() { return std::unique_ptr<CObjectData>(pMakeItem()); }
