@@ -416,7 +416,7 @@ CObjectData* CListBase::pFindChildByName(const char* szName)
 long CListBase::iAdd(CObjectData* pItem, bool bTake)
 {
     const Held held(m_Lock);
-    if (!held || pItem == nullptr) {
+    if (!held || pItem == nullptr || pItem == this) {
         return -1;
     }
     if (pItem->m_pHolder == this) {

@@ -228,6 +228,12 @@ TEST_F(AList, LeavesItemsThatAreNotItsOwnWithoutAParent)
     EXPECT_EQ("/2", last.szGetFullName());
 }
 
+TEST_F(AList, DoesNotBecomeItsOwnItem)
+{
+    EXPECT_EQ(-1, m_List.iAdd(&m_List, true));
+    EXPECT_EQ(0, m_List.iGetNbr());
+}
+
 TEST_F(AList, DeletesItsItemsInAResetOnlyWhenTheyMayBeDeleted)
 {
     Fill();
