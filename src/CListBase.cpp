@@ -526,18 +526,15 @@ void CListBase::Copy(CListBase& other, int iCount)
     if (&other == this) {
         return;
     }
-    // By way of the bytes, each list under its own lock alone: two that copy each other must not
-    // wait for each other.
-    ustring bytes;
-    int iItems = 0;
+    // Each list under its own lock alone: two that copy each other must not wait for each other.
+    std::vector<itemImage_t> images;
     {
         const Held held(other.m_Lock);
-        CSerialize writer(&bytes, true, false, false);
         const auto size = static_cast<int>(other.m_Record.size());
-        for (; held && iItems < std::min(iCount, size); ++iItems) {
-            CObjectData* const pItem = other.m_Record[static_cast<size_t>(iItems)];
+        for (int i = 0; held && i < std::min(iCount, size); ++i) {
+            CObjectData* const pItem = other.m_Record[static_cast<size_t>(i)];
             if (pItem != nullptr) {
-                pItem->iSerialize(writer);
+                images.push_back(ImageOf(*pItem));
             }
         }
     }
@@ -545,16 +542,40 @@ void CListBase::Copy(CListBase& other, int iCount)
     if (!held) {
         return;
     }
-    CSerialize reader(&bytes, false, false, false);
     Forget(true);
-    for (long iRet = 0; iRet == 0 && iItems > 0; --iItems) {
+    for (itemImage_t& image : images) {
         auto pItem = pNewItem();
-        iRet = pItem->iSerialize(reader);
+        const long iRet = iReadImage(*pItem, image);
         if (iRet == 0) {
             bAppend(std::move(pItem));
+        } else {
+            QUORCORE_LOG(LOG_ERR, "%s; iRet = %ld", m_szLabel.c_str(), iRet);
         }
     }
     CountItems();
+}
+
+CListBase::itemImage_t CListBase::ImageOf(CObjectData& item)
+{
+    itemImage_t image;
+    CSerialize writer(&image.bytes, true, false, false);
+    item.iSerialize(writer);
+    image.iAttribut = item.m_iAttribut;
+    if (const auto* const pText = dynamic_cast<CString*>(&item)) {
+        image.szText = pText->szGetVal();
+    }
+    return image;
+}
+
+long CListBase::iReadImage(CObjectData& item, itemImage_t& image)
+{
+    item.m_iAttribut = image.iAttribut; // first: it tells which bytes there are
+    CSerialize reader(&image.bytes, false, false, false);
+    const long iRet = item.iSerialize(reader);
+    if (auto* const pText = dynamic_cast<CString*>(&item)) {
+        pText->SetVal(std::move(image.szText)); // mostly the one that it has by now
+    }
+    return iRet;
 }
 
 bool CListBase::bIsIndex(const char* szName)

@@ -303,6 +303,22 @@ TEST_F(AList, CopiesItemsOfAnotherList)
     EXPECT_EQ("a,b,c,", szItems());
 }
 
+TEST_F(AList, CopiesTextsOfAnyLengthAndItemsThatAreNone)
+{
+    Add("a");
+    static_cast<CDMString*>(m_List.pGetAt(0))->SetVal(std::string(65537, 'x'));
+    Add("b");
+    m_List.pGetAt(1)->SetAttributeNone(true);
+    Add("c");
+    COpenList copy(nullptr, "copy", 9);
+    copy.Copy(m_List, 3);
+    ASSERT_EQ(3, copy.iGetNbr());
+    EXPECT_EQ(std::string(65537, 'x'), static_cast<CDMString*>(copy.pGetAt(0))->szGetVal());
+    EXPECT_TRUE(copy.pGetAt(1)->bIsAttributeNone());
+    EXPECT_EQ("b", static_cast<CDMString*>(copy.pGetAt(1))->szGetVal());
+    EXPECT_EQ("c", static_cast<CDMString*>(copy.pGetAt(2))->szGetVal());
+}
+
 TEST_F(AList, IsWrittenWithItsCountInFront)
 {
     Add("a");

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace QuorCore
 {
@@ -100,7 +101,8 @@ public:
     /// Puts an item, not owned, at a position from 0, or at the end; a full list takes none.
     void Insert(CObjectData* pItem, int iPos);
     long iPermute(int iFirst, int iSecond); ///< Swaps two positions. @return 0; -1 not there.
-    /// Replaces the items by copies of at most @p iCount items of another list of the same type.
+    /// Replaces the items by copies of at most @p iCount items of another list of the same type, by
+    /// way of their bytes: of records with a text above 65535 bytes there is no exact copy.
     void Copy(CListBase& other, int iCount);
     bool bIsIndex(const char* szName); ///< Whether it is the position of an item, from "1".
     int iGetNbr();                     ///< @return The number of items.
@@ -119,6 +121,15 @@ protected:
     bool m_bIsContainer = false;
 
 private:
+    /// What is needed to make an item anew.
+    struct itemImage_t {
+        ustring bytes;
+        uint8_t iAttribut = 0; ///< Of an item that is none it is not among the bytes.
+        std::string szText;    ///< Of a text: the bytes cannot tell more than 65535 of it.
+    };
+
+    static itemImage_t ImageOf(CObjectData& item);
+    static long iReadImage(CObjectData& item, itemImage_t& image);
     void Forget(bool bDelete);
     void Drop(CObjectData* pItem);
     void SetFree(CObjectData* pItem);
