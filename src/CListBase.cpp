@@ -502,6 +502,14 @@ long CListBase::iDeserializeDirectoryJson(CContextJson& context)
     return iRet;
 }
 
+void CListBase::SetSizeMax(uint16_t sizeMax)
+{
+    const Held held(m_Lock);
+    if (held) {
+        m_SizeMax = sizeMax;
+    }
+}
+
 void CListBase::Insert(CObjectData* pItem, int iPos)
 {
     const Held held(m_Lock);

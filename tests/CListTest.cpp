@@ -574,6 +574,20 @@ TEST_F(AList, IsWrittenAndReadByThreadsAtATime)
     EXPECT_EQ("497,498,499,", szItems());
 }
 
+TEST_F(AList, TakesALimitWhileThreadsAddToIt)
+{
+    std::thread writer([&] {
+        for (int i = 0; i < 500; ++i) {
+            Add("x");
+        }
+    });
+    for (uint16_t i = 1; i <= 100; ++i) {
+        m_List.SetSizeMax(i);
+    }
+    writer.join();
+    EXPECT_LE(m_List.iGetNbr(), 100);
+}
+
 TEST_F(AListOfRecords, LabelsItsItemsByTheirName)
 {
     pAdd("paris", 1);

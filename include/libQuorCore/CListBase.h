@@ -106,8 +106,8 @@ public:
     void Copy(CListBase& other, int iCount);
     bool bIsIndex(const char* szName); ///< Whether it is the position of an item, from "1".
     int iGetNbr();                     ///< @return The number of items.
-    void SetSizeMax(uint16_t sizeMax) { m_SizeMax = sizeMax; } ///< Leaves items that are there.
-    void SetIsContainer(bool bOn) { m_bIsContainer = bOn; }
+    void SetSizeMax(uint16_t sizeMax); ///< Leaves items that are there.
+    void SetIsContainer(bool bOn) { m_bIsContainer = bOn; } ///< Before threads use the list.
 
     CRecursiveLock m_Lock; ///< Held by whoever uses a pointer to an item.
 
