@@ -440,7 +440,9 @@ long CListBase::iAdd(CObjectData* pItem, bool bTake)
     pItem->m_bOwned = bTake;
     SetNull(false);
     CountItems();
-    // Only records have children: asking a leaf would leave a line in the log for each.
+    // Only records have children: asking a leaf would leave a line in the log for each. Without a
+    // label, for one called "name" would answer with itself.
+    pItem->SetLabel("");
     auto* const pRecord = dynamic_cast<CRecord*>(pItem);
     auto* const pName = pRecord != nullptr
                             ? dynamic_cast<CString*>(pRecord->pFindChildByName(kNameChild))

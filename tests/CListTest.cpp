@@ -597,6 +597,14 @@ TEST_F(AListOfRecords, LabelsItsItemsByTheirName)
     EXPECT_EQ("{\"l\":[{\"level\":1,\"name\":\"paris\"}]}\n", szPublished(m_List, get));
 }
 
+TEST_F(AListOfRecords, LabelsAnItemThatIsCalledNameByItsName)
+{
+    auto pCell = std::make_unique<CCell>(nullptr, "name");
+    pCell->m_Name.SetVal("paris");
+    ASSERT_EQ(0, m_List.iAdd(pCell.get(), true));
+    EXPECT_EQ("paris", pCell.release()->szGetLabel());
+}
+
 TEST_F(AListOfRecords, IsReadBackFromItsArray)
 {
     pAdd("paris", 1);
