@@ -264,7 +264,9 @@ template <class T>
 long CNumber<T>::iCheckArrayJson(CContextJson& context, Json::Value& value, std::string* pszError,
                                  bool bReset)
 {
-    return iCheckMember(context, &value, pszError, bReset);
+    // A list publishes an item that is null as JSON null: of it that is the current value.
+    const bool bCurrent = value.isNull() && bIsNull();
+    return iCheckMember(context, bCurrent ? nullptr : &value, pszError, bReset);
 }
 
 template <class T>

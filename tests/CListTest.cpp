@@ -588,6 +588,20 @@ TEST_F(AList, TakesALimitWhileThreadsAddToIt)
     EXPECT_LE(m_List.iGetNbr(), 100);
 }
 
+TEST_F(AList, TakesBackTheNullsThatItPublishes)
+{
+    CDMList<CDMUInt> list(&m_Root, "numbers", 2);
+    list.SetAttributeCanDelete(true);
+    ASSERT_EQ(0, list.iAdd(list.pNewObject(), true));
+    const std::string szText = szPublished(list, Context(CContextJson::eGet));
+    EXPECT_EQ("{\"numbers\":[null]}\n", szText);
+    EXPECT_EQ(0, lCheckText(list, szText));
+    list.SetAttributeCanDelete(false);
+    EXPECT_EQ(0, lCheckText(list, szText));
+    *static_cast<CDMUInt*>(list.pGetAt(0)) = 5U;
+    EXPECT_EQ(-1, lCheckText(list, szText)) << "a value is not taken away";
+}
+
 TEST_F(AListOfRecords, LabelsItsItemsByTheirName)
 {
     pAdd("paris", 1);

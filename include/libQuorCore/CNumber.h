@@ -64,6 +64,7 @@ public:
      */
     long iCheckJson(CContextJson& context, Json::Value& value, std::string* pszError,
                     bool bReset) override;
+    /// The same for an element, where JSON null is also accepted of an attribute that is null.
     long iCheckArrayJson(CContextJson& context, Json::Value& value, std::string* pszError,
                          bool bReset) override;
 
