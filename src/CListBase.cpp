@@ -268,8 +268,9 @@ Json::Value CListBase::ItemsAsJson(CContextJson& context, int iDepth)
         if (array.size() == place && context.m_Cmd != CContextJson::eNotify) {
             array.append(Json::Value());
         }
-        if (bFiles && !bRecord && array.size() > place) {
-            pItem->WriteOwnFile(array[place]); // a record has done it by itself
+        // A record has done it by itself; what is not to be seen now keeps the file that it has.
+        if (bFiles && !bRecord && array.size() > place && pItem->bMayPublish(context)) {
+            pItem->WriteOwnFile(array[place]);
         }
     }
     return array;

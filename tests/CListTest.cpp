@@ -714,6 +714,12 @@ TEST_F(AListOfRecords, HasAFileForATextToo)
     CContextJson get = Context(CContextJson::eGet);
     ASSERT_TRUE(list.bSerializeDirectoryJson(get, m_szInner.c_str(), 5));
     EXPECT_EQ("\"b\"\n", szReadFile(m_szInner + "/2"));
+    CContextJson notify(CContextJson::eNotify, "", SERIALIZE_JSON_FILE, false, true);
+    list.SetIsModified(true);
+    list.pGetAt(0)->SetIsModified(true);
+    list.pGetAt(1)->SetIsModified(false);
+    ASSERT_TRUE(list.bSerializeDirectoryJson(notify, m_szInner.c_str(), 5));
+    EXPECT_EQ("\"b\"\n", szReadFile(m_szInner + "/2")) << "what is not published keeps its file";
     EXPECT_TRUE(bRead(list));
     EXPECT_EQ("{\"l\":[\"a\",\"b\"]}\n", szPublished(list, Context(CContextJson::eGet)));
 }
