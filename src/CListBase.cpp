@@ -41,9 +41,8 @@ bool bComesBefore(const std::string& szLeft, const std::string& szRight)
     return bLeft != bRight ? bLeft : szLeft < szRight;
 }
 
-/// The names of the working directory that a label can have; the greatest number of them first cut
-/// to @p max.
-std::vector<std::string> FileNames(size_t max)
+/// The names of the working directory that a label can have.
+std::vector<std::string> FileNames()
 {
     std::vector<std::string> names;
     DIR* const pDirectory = ::opendir("."); // close-on-exec by itself
@@ -56,8 +55,6 @@ std::vector<std::string> FileNames(size_t max)
         }
     }
     ::closedir(pDirectory);
-    std::sort(names.begin(), names.end(), bComesBefore);
-    names.resize(std::min(names.size(), max));
     return names;
 }
 } // namespace
@@ -488,7 +485,7 @@ long CListBase::iDeserializeDirectoryJson(CContextJson& context)
         }
         return iRet;
     }
-    const std::vector<std::string> names = FileNames(m_SizeMax);
+    const std::vector<std::string> names = ItemFiles();
     Reset();
     SetNull(false);
     for (const std::string& szName : names) {
@@ -503,6 +500,17 @@ long CListBase::iDeserializeDirectoryJson(CContextJson& context)
     }
     CountItems();
     return iRet;
+}
+
+std::vector<std::string> CListBase::ItemFiles() const
+{
+    std::vector<std::string> names = FileNames();
+    names.erase(std::remove_if(names.begin(), names.end(),
+                               [this](const std::string& szName) { return bIsFileAbove(szName); }),
+                names.end());
+    std::sort(names.begin(), names.end(), bComesBefore);
+    names.resize(std::min(names.size(), size_t{m_SizeMax}));
+    return names;
 }
 
 void CListBase::SetSizeMax(uint16_t sizeMax)

@@ -451,10 +451,23 @@ bool CObjectData::bHasOwnFile() const
     return pParent != nullptr && pParent->bIsContainer();
 }
 
+bool CObjectData::bIsFileAbove(const std::string& szName) const
+{
+    for (const CObject* pNode = m_pParent; pNode != nullptr; pNode = pNode->pGetParent()) {
+        auto* const pRecord = dynamic_cast<const CRecord*>(pNode);
+        if (pRecord != nullptr && !pRecord->m_bIsList && pRecord->m_szLabel == szName &&
+            pRecord->bHasOwnFile()) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void CObjectData::WriteOwnFile(Json::Value& value)
 {
-    // A label can come from a client, who must not reach anything but this directory with it.
-    if (!bIsFileName(m_szLabel)) {
+    // A label can come from a client, who must not reach anything but this directory with it, nor
+    // the settings of the whole.
+    if (!bIsFileName(m_szLabel) || bIsFileAbove(m_szLabel)) {
         QUORCORE_LOG(LOG_ERR, "fichier : %s", m_szLabel.c_str());
         return;
     }
@@ -468,7 +481,7 @@ void CObjectData::WriteOwnFile(Json::Value& value)
 
 bool CObjectData::bReadOwnFile(CContextJson& context)
 {
-    if (!bIsFileName(m_szLabel)) {
+    if (!bIsFileName(m_szLabel) || bIsFileAbove(m_szLabel)) {
         QUORCORE_LOG(LOG_ERR, "fichier : %s", m_szLabel.c_str());
         return false;
     }

@@ -676,6 +676,27 @@ TEST_F(AListOfRecords, WritesNothingOutsideForANameOfAClient)
     EXPECT_EQ((std::vector<std::string>{"in"}), names);
 }
 
+TEST_F(AListOfRecords, LeavesTheFileOfARecordAboveAlone)
+{
+    CRecord device(nullptr, "device");
+    CNumber<int> setting(&device, "level", 1, 0, 9, 7);
+    CList<CCell> list(&device, "l", 20);
+    list.SetAttributeCanDelete(true);
+    list.SetIsContainer(true);
+    ASSERT_TRUE(bApply(device, "{\"l\":[{\"name\":\"device\"},{\"name\":\"paris\"}]}"));
+    CContextJson get = Context(CContextJson::eGet);
+    ASSERT_TRUE(device.bSerializeDirectoryJson(get, m_szInner.c_str(), 5));
+    const std::string szDevice = szReadFile(m_szInner + "/device");
+    ASSERT_TRUE(list.bSerializeDirectoryJson(get, m_szInner.c_str(), 5));
+    EXPECT_EQ(szDevice, szReadFile(m_szInner + "/device"));
+    setting.SetVal(1);
+    CContextJson put = Context(CContextJson::ePut);
+    EXPECT_TRUE(device.bDeserializeDirectoryJson(put, m_szInner.c_str(), 5));
+    EXPECT_EQ(7, setting.iGetVal());
+    ASSERT_EQ(1, list.iGetNbr()) << "the device's file is no item";
+    EXPECT_EQ("paris", list.pGetAt(0)->szGetLabel());
+}
+
 TEST_F(AListOfRecords, ReadsTheOtherFilesWhenOneIsBroken)
 {
     pAdd("paris", 1);

@@ -25,7 +25,8 @@ namespace QuorCore
  * In file form a list that is a container has a file for each item, named by the item's label, in
  * the working directory; it is read back in the order of the numbers that name files, then of the
  * other names. Every regular file of the directory is an item then, so a directory belongs to one
- * container. A list of fixed shape reads the files of the items that it has.
+ * container; the file of a record above, which may lie there too, is none, and an item of that
+ * label has no file. A list of fixed shape reads the files of the items that it has.
  *
  * Threads: every operation holds m_Lock; an operation whose lock cannot be taken does nothing. A
  * pointer to an item is good as long as m_Lock is held: another thread may remove the item.
@@ -133,6 +134,7 @@ private:
     void Forget(bool bDelete);
     void Drop(CObjectData* pItem);
     void SetFree(CObjectData* pItem);
+    std::vector<std::string> ItemFiles() const;
     void CountItems();
     bool bAppend(std::unique_ptr<CObjectData> pItem);
     std::unique_ptr<CObjectData> pNewItem() { return std::unique_ptr<CObjectData>(pMakeItem()); }

@@ -212,8 +212,11 @@ protected:
     /// a parent.
     bool bHasOwnFile() const;
 
+    /// Whether a record above has the file of this name. A client may name an item so.
+    bool bIsFileAbove(const std::string& szName) const;
+
     /// Writes @p value to the file of the label, in the working directory; refused and logged when
-    /// the label is no plain file name.
+    /// the label is no plain file name, or that of a record above.
     void WriteOwnFile(Json::Value& value);
 
     /// Reads the file of the label. @return Whether it could be.
