@@ -142,6 +142,12 @@ long CRecord::iDeserializeJson(CContextJson& context, Json::Value& value)
     long iRet = 0;
     if (context.bIsFile() && bHasOwnFile()) {
         iRet = bReadOwnFile(context) ? 0 : kFileNotRead;
+    } else if (value.isNull()) {
+        // Names no member, so nothing is read, and a list gets no item by a POST of it: the check
+        // asked no child about it. Records below containers have files of their own, though.
+        if (context.bIsFile()) {
+            DeserializeArrayJson(context, value);
+        }
     } else if (Json::Value* const pMembers = bRoot ? &value : pFindOwnMember(value)) {
         if (!bRoot) {
             SetNull(pMembers->isNull());
@@ -149,8 +155,6 @@ long CRecord::iDeserializeJson(CContextJson& context, Json::Value& value)
         if (bRoot || !bIsNull()) {
             DeserializeArrayJson(context, *pMembers);
         }
-    } else if (context.bIsFile() && value.isNull()) {
-        DeserializeArrayJson(context, value); // records below containers have files of their own
     }
     if (iRet != 0) {
         QUORCORE_LOG(LOG_ERR, "%s ; iRet=%ld", m_szLabel.c_str(), iRet);
@@ -231,7 +235,7 @@ CObjectData* CRecord::pFindChildByName(const char* szName)
 
 long CRecord::iAdd(CObjectData* pChild, bool bTake)
 {
-    if (pChild != nullptr && pChild->m_pHolder != this) {
+    if (pChild != nullptr && pChild != this && pChild->m_pHolder != this) {
         Link(pChild);
         m_Record.push_back(pChild);
         if (bTake) {

@@ -1,5 +1,7 @@
 #include "libQuorCore/CRecord.h"
 
+#include "libQuorCore/CDMString.h"
+#include "libQuorCore/CList.h"
 #include "libQuorCore/CNumber.h"
 #include "libQuorCore/CString.h"
 #include "libQuorCore/CThread.h"
@@ -146,6 +148,18 @@ TEST_F(ARecord, AddsInsertsAndRemoves)
     EXPECT_EQ(&m_Sub, middle.pGetParent());
 }
 
+TEST_F(ARecord, IsNoChildOfItself)
+{
+    COpenRecord record(nullptr, "r");
+    EXPECT_EQ(0, record.iAdd(&record, true));
+    record.Insert(&record, 0);
+    EXPECT_EQ(nullptr, record.pGetAt(0));
+    EXPECT_EQ(nullptr, record.pGetParent());
+    CList<CDMString> list(nullptr, "l", 3);
+    EXPECT_EQ(-1, list.iAdd(&list, true));
+    EXPECT_EQ(0, list.iGetNbr());
+}
+
 TEST_F(ARecord, FindsItselfAndItsDirectChildren)
 {
     EXPECT_EQ(&m_Root, m_Root.pFindChildByName("root"));
@@ -278,6 +292,18 @@ TEST_F(ARecord, IsSetNullByJsonNullAndLeftAloneWhenItIsAbsent)
     EXPECT_TRUE(bApply(m_Root, "{\"sub\":{\"s\":\"x\"}}"));
     EXPECT_FALSE(m_Sub.bIsNull());
     EXPECT_EQ("x", m_Text.szGetVal());
+}
+
+TEST_F(ARecord, IsLeftAloneByADocumentThatIsNull)
+{
+    CList<CDMString> list(&m_Root, "l", 3);
+    list.SetReadOnly(true);
+    std::string szIn = "null";
+    std::string szOut;
+    CContextJson post = Context(CContextJson::ePost);
+    EXPECT_EQ(200, m_Root.iMoWrite(post, &szIn, &szOut, ""));
+    EXPECT_EQ(0, list.iGetNbr()) << "nobody was asked whether the list may be written";
+    EXPECT_FALSE(m_Root.bIsNull());
 }
 
 TEST_F(ARecord, IsReadUnderItsLabelWhenItIsNotTheRoot)

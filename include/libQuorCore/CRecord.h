@@ -50,7 +50,8 @@ public:
 
     /**
      * @brief Adds a child at the end; it leaves the record that held it.
-     * @param pChild  Not owned. Null changes nothing; so does one that is here already.
+     * @param pChild  Not owned. Null changes nothing; so does one that is here already, and the
+     * record itself.
      * @param bTake   Whether the record becomes its parent.
      * @return 0.
      */
