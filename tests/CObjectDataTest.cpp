@@ -351,6 +351,72 @@ TEST_F(AnObjectData, IsWrittenToAFileAndReadFromIt)
     EXPECT_TRUE(m_Flag.iGetVal());
 }
 
+TEST_F(AnObjectData, LeavesAFileItsOwnerWhenItReplacesIt)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give files away";
+    }
+    const CTempDirectory directory;
+    const std::string szFile = directory.szPath("f");
+    WriteFile(szFile, "old");
+    ASSERT_EQ(0, ::chown(szFile.c_str(), 1234, 5678));
+    ASSERT_EQ(0, ::chmod(szFile.c_str(), 0660));
+    ASSERT_TRUE(m_Root.bSerializeFileJson(m_Put, szFile.c_str(), 5));
+    struct stat status = {};
+    ASSERT_EQ(0, ::stat(szFile.c_str(), &status));
+    EXPECT_EQ(1234U, status.st_uid);
+    EXPECT_EQ(5678U, status.st_gid);
+    EXPECT_EQ(0660U, status.st_mode & 0777U);
+}
+
+TEST_F(AnObjectData, IsWrittenInPlaceWhereTheDirectoryTakesNoFile)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    constexpr uid_t kOther = 1234;
+    const CTempDirectory directory;
+    const std::string szFile = directory.szPath("f");
+    WriteFile(szFile, std::string(5000, 'x'));
+    ASSERT_EQ(0, ::chmod(directory.szPath().c_str(), 0755));
+    ASSERT_EQ(0, ::chown(szFile.c_str(), kOther, kOther));
+    ASSERT_EQ(0, ::seteuid(kOther));
+    const bool bWritten = m_Root.bSerializeFileJson(m_Put, szFile.c_str(), 5);
+    const bool bMade = m_Root.bSerializeFileJson(m_Put, directory.szPath("new").c_str(), 5);
+    ASSERT_EQ(0, ::seteuid(0));
+    EXPECT_TRUE(bWritten);
+    EXPECT_EQ(7, Parsed(szReadFile(szFile))["n"].asInt());
+    EXPECT_FALSE(bMade);
+}
+
+TEST_F(AnObjectData, IsWrittenToWhatALinkLeadsTo)
+{
+    const CTempDirectory directory;
+    const std::string szLink = directory.szPath("link");
+    ASSERT_EQ(0, ::symlink("target", szLink.c_str()));
+    Json::Value value = 1;
+    EXPECT_TRUE(m_Root.bSerializeFileJson(m_Put, szLink.c_str(), &value, 5));
+    EXPECT_EQ("1\n", szReadFile(directory.szPath("target"))) << "made by way of the link";
+    value = 2;
+    EXPECT_TRUE(m_Root.bSerializeFileJson(m_Put, szLink.c_str(), &value, 5));
+    EXPECT_EQ("2\n", szReadFile(directory.szPath("target")));
+}
+
+TEST_F(AnObjectData, WritesThroughNoFileThatWaitsForIt)
+{
+    const CTempDirectory directory;
+    WriteFile(directory.szPath("victim"), "untouched");
+    constexpr int kLaid = 20;
+    for (int i = 0; i < kLaid; ++i) {
+        const std::string szName =
+            directory.szPath(".quorcore-" + std::to_string(::getpid()) + "-" + std::to_string(i));
+        ASSERT_EQ(0, ::link(directory.szPath("victim").c_str(), szName.c_str()));
+    }
+    EXPECT_TRUE(m_Root.bSerializeFileJson(m_Put, directory.szPath("f").c_str(), 5));
+    EXPECT_EQ("untouched", szReadFile(directory.szPath("victim")));
+    EXPECT_EQ(7, Parsed(szReadFile(directory.szPath("f")))["n"].asInt());
+}
+
 TEST_F(AnObjectData, WritesTheValueItIsGiven)
 {
     const CTempDirectory directory;
@@ -385,6 +451,13 @@ TEST_F(AnObjectData, DoesNotWaitForAWriterOfAPipe)
     const CTempDirectory directory;
     ASSERT_EQ(0, ::mkfifo(directory.szPath("pipe").c_str(), 0600));
     EXPECT_FALSE(m_Root.bDeserializeFileJson(m_Put, directory.szPath("pipe").c_str(), 5));
+}
+
+TEST_F(AnObjectData, DoesNotWaitForAReaderOfAPipe)
+{
+    const CTempDirectory directory;
+    ASSERT_EQ(0, ::mkfifo(directory.szPath("pipe").c_str(), 0600));
+    EXPECT_FALSE(m_Root.bSerializeFileJson(m_Put, directory.szPath("pipe").c_str(), 5));
 }
 
 TEST_F(AnObjectData, IsPublishedIntoADirectoryAndReadFromIt)

@@ -126,8 +126,9 @@ public:
      * @brief Replaces the content of a file, then flushes the buffers of the whole system.
      *
      * A regular file is replaced in one step: who reads it, now or after a power cut, sees the old
-     * content or the new one. It keeps its mode; a new one gets 0644, less the umask. The flush,
-     * sync(2), may take seconds and is done on failure too.
+     * content or the new one. It keeps its mode and owner; a new one gets 0644, less the umask.
+     * Where the directory allows no new file, it is written in place. The flush, sync(2), may take
+     * seconds and is done on failure too.
      *
      * @param pValue  What to write; null: the node's own JSON.
      */

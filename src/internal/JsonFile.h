@@ -16,11 +16,13 @@ bool bIsFileName(const std::string& szLabel);
 /**
  * @brief Replaces the content of a file.
  *
- * A regular file is replaced in one step, by rename(2), and keeps its mode; a new one gets 0644,
- * less the umask. What is no regular file is written in place.
+ * A regular file is replaced in one step, by rename(2), and keeps its mode and, as far as the
+ * process may give files away, its owner; a new one gets 0644, less the umask. Written in place are
+ * what is no regular file, and a file in whose directory nothing may be made or replaced.
  *
  * @param bFollow  Whether a link may be followed, and what is no regular file be written at all.
- * @return Whether all was written; errno tells why not, and the file is as it was.
+ * @return Whether all was written; errno tells why not, and the file is as it was unless it was
+ *         written in place.
  */
 bool bReplaceFile(const std::string& szPath, const std::string& szText, bool bFollow);
 
