@@ -305,10 +305,12 @@ void CListBase::ReadArray(CContextJson& context, Json::Value& array)
             return;
         }
         SetNull(false);
-        for (Json::ArrayIndex i = 0; i < array.size(); ++i) {
-            if (m_Record[i] != nullptr) {
-                m_Record[i]->DeserializeArrayJson(context, array[i]);
+        auto element = array.begin(); // by iterator: an index is looked up
+        for (CObjectData* pItem : m_Record) {
+            if (pItem != nullptr) {
+                pItem->DeserializeArrayJson(context, *element);
             }
+            ++element;
         }
         return;
     }
@@ -387,9 +389,10 @@ long CListBase::iCheckArray(CContextJson& context, Json::Value& array, std::stri
     }
     const auto pScratch = bFixed ? nullptr : pNewItem();
     long iRet = 0;
-    for (Json::ArrayIndex i = 0; iRet == 0 && i < array.size(); ++i) {
-        CObjectData* const pItem = bFixed ? m_Record[i] : pScratch.get();
-        iRet = pItem != nullptr ? pItem->iCheckArrayJson(context, array[i], pszError, bReset) : 0;
+    auto item = m_Record.begin();
+    for (auto element = array.begin(); iRet == 0 && element != array.end(); ++element) {
+        CObjectData* const pItem = bFixed ? *item++ : pScratch.get();
+        iRet = pItem != nullptr ? pItem->iCheckArrayJson(context, *element, pszError, bReset) : 0;
     }
     return iRet;
 }

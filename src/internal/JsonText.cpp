@@ -45,11 +45,11 @@ void Append(std::string& szOut, const Json::Value& value); // each calls the oth
 void AppendArray(std::string& szOut, const Json::Value& array)
 {
     szOut += '[';
-    for (Json::ArrayIndex i = 0; i < array.size(); ++i) {
-        if (i > 0) {
+    for (auto element = array.begin(); element != array.end(); ++element) {
+        if (element != array.begin()) {
             szOut += ',';
         }
-        Append(szOut, array[i]);
+        Append(szOut, *element);
     }
     szOut += ']';
 }
