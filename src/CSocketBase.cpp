@@ -1,5 +1,6 @@
 #include "libQuorCore/CSocketBase.h"
 
+#include "internal/CCounted.h"
 #include "internal/CFdGate.h"
 #include "internal/CHeldLock.h"
 #include "internal/CSocketReader.h"
@@ -91,20 +92,6 @@ private:
     std::array<iovec, 2> m_aParts;
     const bool m_bJoined; // both parts lie in m_aJoined, one behind the other
     std::array<uint8_t, kJoinedBytesMax> m_aJoined;
-};
-
-/// Counts one up for a scope.
-template <class Count>
-class CCounted
-{
-public:
-    explicit CCounted(Count& iCount) : m_iCount(iCount) { ++m_iCount; }
-    CCounted(const CCounted&) = delete;
-    CCounted& operator=(const CCounted&) = delete;
-    ~CCounted() { --m_iCount; }
-
-private:
-    Count& m_iCount;
 };
 
 /// Keeps a value in a slot for a scope, and nothing after it.

@@ -45,6 +45,7 @@
 #include "libQuorCore/CString.h"
 #include "libQuorCore/CThread.h"
 #include "libQuorCore/CThreadCom.h"
+#include "libQuorCore/CThreadSerial.h"
 #include "libQuorCore/CTime.h"
 #include "libQuorCore/CTimerManager.h"
 #include "libQuorCore/Chrono.h"
