@@ -504,7 +504,7 @@ TEST_F(AThreadAT, TellsThatTheModemIsSilent)
 TEST_F(AThreadAT, KeepsWhatHadComeOfAnAnswerThatDoesNotEnd)
 {
     atCommand_t command = Command("ATI");
-    command.iTimeOut = 500;
+    command.iTimeOut = 2000;
     auto asking = AskAndReceive(command);
     ASSERT_TRUE(m_Pty.bSend("\r\nMaker\r\nMod"));
     const atResult_t result = asking.get();
@@ -538,9 +538,9 @@ TEST_F(AThreadAT, LetsTheLineComeToRestBeforeTheNextCommand)
 {
     EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+CPIN?", "+CPIN:")).get().lResult);
     auto next = Ask(Command("AT+CSQ"));
-    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));              // whether it is there at all
-    ASSERT_TRUE(m_Pty.bSend("\r\n+CPIN: READY\r\n\r\nOK\r\n")); // to the first
-    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n"));                     // and to the second
+    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));           // whether it is there at all
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CPIN: READY\r\n\r\nOK\r\n" // to the first
+                            "\r\nOK\r\n"));                  // and to the second
     ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
     EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
@@ -550,7 +550,7 @@ TEST_F(AThreadAT, DoesNotSendACommandToAModemThatStaysMute)
 {
     EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+ONE")).get().lResult);
     atCommand_t command = Command("AT+TWO");
-    command.iTimeOut = 1000;
+    command.iTimeOut = 3000;
     auto next = Ask(command);
     ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));
     EXPECT_EQ(-7, next.get().lResult);
