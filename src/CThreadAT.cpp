@@ -139,13 +139,16 @@ void CThreadAT::LogFlightRecord(int iLevel)
 
 long CThreadAT::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
 {
+    if (lSizeTotal < 1) {
+        return 0;
+    }
     CThreadSerial::lDispatchTrame(pFrame, lSizeTotal, plUsed); // the trace
     if (m_bRestartBuffer.exchange(false)) {
         m_pFramer->Reset();
     }
     OfferToExchange(pFrame, lSizeTotal);
     m_pFramer->SetLimit(static_cast<size_t>(m_lSizeDataMax));
-    m_pFramer->Feed(pFrame, static_cast<size_t>(std::max(lSizeTotal, 0L)),
+    m_pFramer->Feed(pFrame, static_cast<size_t>(lSizeTotal),
                     [this](const CLineFramer::line_t& line) {
                         if (line.bCut) {
                             QUORCORE_LOG(LOG_ERR, "a line of more than %ld bytes was cut",

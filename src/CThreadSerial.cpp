@@ -424,7 +424,9 @@ bool CThreadSerial::bAwaitInput(int iFd, bool bBegun)
 long CThreadSerial::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
 {
     if (lSizeTotal >= 1) {
-        *plUsed = lSizeTotal;
+        if (plUsed != nullptr) {
+            *plUsed = lSizeTotal;
+        }
         QUORCORE_LOG(LOG_DEBUG, "%s",
                      Hexlify(pFrame, static_cast<unsigned>(lSizeTotal), ' ').c_str());
     }

@@ -108,8 +108,8 @@ public:
      * @param pFrame      The chunk, @p lSizeTotal bytes, those before it that nobody has taken
      *                    included; 16 bytes behind them may be written.
      * @param plUsed      Receives how many bytes were taken; the rest is given again, with the next
-     *                    chunk behind it. What would fill the whole capacity is dropped. Must not
-     *                    be null.
+     *                    chunk behind it. What would fill the whole capacity is dropped. May be
+     *                    null.
      * @return 0.
      */
     long lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed) override;
