@@ -20,6 +20,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <unistd.h>
@@ -176,6 +177,12 @@ struct finalLine_t {
     int iError;
     std::string szError;
 };
+
+/// For the names of the cases, which would else show the bytes of the record.
+void PrintTo(const finalLine_t& line, std::ostream* pStream)
+{
+    *pStream << line.szLine;
+}
 
 class AFinalLine : public AThreadAT, public ::testing::WithParamInterface<finalLine_t>
 {
