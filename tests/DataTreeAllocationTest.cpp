@@ -16,7 +16,9 @@ namespace
 size_t g_allocations = 0; // by any code of the process; the tests have one thread
 }
 
-// Replaced for the whole program, the library included: [replacement.functions] of the standard.
+// Replaced for the whole program, the library included: [replacement.functions] of the standard. A
+// sanitizer has its own.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 void* operator new(size_t size)
 {
     ++g_allocations;
@@ -33,6 +35,7 @@ void operator delete(void* pMemory, size_t) noexcept
 {
     std::free(pMemory);
 }
+#endif
 
 namespace
 {
