@@ -6,6 +6,7 @@
 #include "support/CChild.h"
 #include "support/CSyslogReceiver.h"
 #include "support/ProcessFacts.h"
+#include "support/Sanitized.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -185,6 +186,9 @@ TEST_F(ATimerManager, ReportsATimerThatCannotBeArmed)
 
 TEST_F(ATimerManager, ReportsThatThereAreNoDescriptors)
 {
+    if (kSanitized) {
+        GTEST_SKIP() << "the sanitizers want descriptors of their own";
+    }
     const ChildResult result = RunInChild([this] {
         rlimit none = {};
         setrlimit(RLIMIT_NOFILE, &none);
