@@ -2,7 +2,9 @@
 
 #include "internal/CCounted.h"
 #include "internal/CFdGate.h"
+#include "internal/CForScope.h"
 #include "internal/CHeldLock.h"
+#include "internal/CSendParts.h"
 #include "internal/CSocketReader.h"
 #include "internal/FrameRules.h"
 #include "internal/Sigpipe.h"
@@ -11,11 +13,9 @@
 #include "libQuorCore/CSerialize.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 #include <vector>
 
@@ -28,85 +28,12 @@ constexpr int kReadFailureWaitSec = 15; // lets a confused peer come to rest bef
 constexpr int kPeerSilenceSec = 40;     // from the last frame on, then the connection is dead
 constexpr int kPingLockWaitMs = 1000;   // for the write of another thread
 constexpr int kRetryPauseMs = 10;
-constexpr int kEmptyReadsMax = 10;       // in a row, until a read gives up on its count
-constexpr size_t kAnswerBytesMax = 2048; // data of an answer that is read as an object
-constexpr size_t kJoinedBytesMax = 512;  // header and data that are copied together
+constexpr int kEmptyReadsMax = 10; // in a row, until a read gives up on its count
 
 uint8_t* pBytes(socketFrameHdr_t* pHeader)
 {
     return reinterpret_cast<uint8_t*>(pHeader);
 }
-
-/// A held header and a write's bytes, on their way out.
-class CSendParts
-{
-public:
-    CSendParts(uint8_t* pHeader, size_t nHeader, const uint8_t* pBytes, size_t nBytes)
-        : m_aParts{iovec{pHeader, nHeader}, iovec{const_cast<uint8_t*>(pBytes), nBytes}},
-          m_bJoined(nHeader > 0 && nBytes > 0 && nHeader + nBytes <= m_aJoined.size())
-    {
-        if (m_bJoined) { // for so few bytes the kernel's look at two parts costs more than a copy
-            std::memcpy(m_aJoined.data(), pHeader, nHeader);
-            std::memcpy(m_aJoined.data() + nHeader, pBytes, nBytes);
-            m_aParts[0].iov_base = m_aJoined.data();
-            m_aParts[1].iov_base = m_aJoined.data() + nHeader;
-        }
-    }
-    CSendParts(const CSendParts&) = delete;
-    CSendParts& operator=(const CSendParts&) = delete;
-
-    bool bLeft() const { return m_aParts[0].iov_len + m_aParts[1].iov_len > 0; }
-
-    bool bHeaderLeft() const { return m_aParts[0].iov_len > 0; }
-
-    /// send(2) without flags, of both parts at once while there are two.
-    ssize_t lSend(int iFd)
-    {
-        if (m_aParts[0].iov_len == 0) {
-            return send(iFd, m_aParts[1].iov_base, m_aParts[1].iov_len, 0);
-        }
-        if (m_bJoined) {
-            return send(iFd, m_aParts[0].iov_base, m_aParts[0].iov_len + m_aParts[1].iov_len, 0);
-        }
-        msghdr message = {};
-        message.msg_iov = m_aParts.data();
-        message.msg_iovlen = m_aParts.size();
-        return sendmsg(iFd, &message, 0);
-    }
-
-    /// Takes what was sent off. @return How much of it was the write's own, at least 1.
-    long lAdvance(size_t nSent)
-    {
-        long lOwn = 0;
-        for (iovec& part : m_aParts) {
-            const size_t nTaken = std::min(nSent, part.iov_len);
-            part.iov_base = static_cast<uint8_t*>(part.iov_base) + nTaken;
-            part.iov_len -= nTaken;
-            nSent -= nTaken;
-            lOwn = static_cast<long>(nTaken);
-        }
-        return std::max(lOwn, 1L);
-    }
-
-private:
-    std::array<iovec, 2> m_aParts;
-    const bool m_bJoined; // both parts lie in m_aJoined, one behind the other
-    std::array<uint8_t, kJoinedBytesMax> m_aJoined;
-};
-
-/// Keeps a value in a slot for a scope, and nothing after it.
-template <class Slot, class Value>
-class CForScope
-{
-public:
-    CForScope(Slot& slot, Value value) : m_slot(slot) { m_slot = value; }
-    CForScope(const CForScope&) = delete;
-    CForScope& operator=(const CForScope&) = delete;
-    ~CForScope() { m_slot = Value{}; }
-
-private:
-    Slot& m_slot;
-};
 } // namespace
 
 CSocketBase::CSocketBase(CObject* pParent, const char* pszLabel)
@@ -422,48 +349,6 @@ long CSocketBase::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
     return 1;
 }
 
-bool CSocketBase::bTakeAsAnswer(socketFrame_t* pFrame)
-{
-    if (m_ExchangeResult != kExchangePending) {
-        return false; // a request is written after this is set, so no answer passes here
-    }
-    const CDeferredCancel deferred; // no end between the result and its event
-    if (!bSettleExchange(pFrame)) {
-        return false;
-    }
-    m_EventRead.iSetEvent(); // with the lock free: who is woken takes it at once
-    return true;
-}
-
-bool CSocketBase::bSettleExchange(socketFrame_t* pFrame)
-{
-    const CHeldLock<CRecursiveLock> held(m_LockDataExchange);
-    // The tag is the address of the number, so that 0 can be awaited, and a text that somebody
-    // awaits through iExchange() is not taken for a number.
-    const bool bAwaited = held && m_ExchangeResult == kExchangePending &&
-                          m_pTagToWait == reinterpret_cast<uint8_t*>(&m_iCommandToWait) &&
-                          pFrame->command == m_iCommandToWait;
-    if (!bAwaited) {
-        return false;
-    }
-    const long lSize = pFrame->GetDataSize();
-    const long lRoom = m_pLastRead != nullptr ? m_iSizeMaxRead : 0;
-    if ((lSize > lRoom && lSize > 0) || m_bOversize) {
-        m_ExchangeResult = -1; // refused whole: half an answer is none, nor is it an empty one
-        return true;
-    }
-    if (lSize > 0) {
-        std::memcpy(m_pLastRead, pFrame->pGetData(), static_cast<size_t>(lSize));
-    } else if (lRoom > 0) {
-        m_pLastRead[0] = 0; // an answer that is read as a text is an empty one
-    }
-    if (m_piSizeLastRead != nullptr) {
-        *m_piSizeLastRead = lSize;
-    }
-    m_ExchangeResult = 0;
-    return true;
-}
-
 void CSocketBase::Close()
 {
     const CDeferredCancel deferred;
@@ -550,31 +435,6 @@ long CSocketBase::iWriteObject(uint16_t command, CObject* pObject, uint16_t type
                   user1, user2);
 }
 
-long CSocketBase::iExchangeCmd(uint16_t command, CObject* pObject, uint16_t commandToWait,
-                               CObject* pObjectRet, long* plUsed, long iTimeOut,
-                               bool bCloseOnTimeout)
-{
-    if (!m_bConnected || plUsed == nullptr) {
-        return -1;
-    }
-    ustring payload;
-    CSerialize stream(&payload, true, true, true);
-    if (pObject != nullptr) {
-        pObject->iSerialize(stream);
-    }
-    std::array<uint8_t, kAnswerBytesMax> answer;
-    const long lResult =
-        iExchangeCmd(command, payload.data(), static_cast<long>(payload.size()), commandToWait,
-                     answer.data(), kAnswerBytesMax, plUsed, iTimeOut, bCloseOnTimeout);
-    if (lResult == 0 && pObjectRet != nullptr) {
-        payload.assign(answer.data(), static_cast<size_t>(*plUsed));
-        stream.m_bSave = false;
-        stream.iSetPos(0);
-        pObjectRet->iSerialize(stream);
-    }
-    return lResult;
-}
-
 long CSocketBase::iWrite(socketFrame_t* pFrame)
 {
     if (pFrame == nullptr) {
@@ -641,39 +501,6 @@ long CSocketBase::lRead(socketFrame_t* pFrame, long lSizeToRead, long* plNbrRcv)
 long CSocketBase::lCutFrame()
 {
     return bInLoop() && bGetConnected() && m_pReader->iStay(m_iSocket) == -1 ? 0 : -1;
-}
-
-long CSocketBase::iExchangeCmd(uint16_t command, uint8_t* pPayload, long size,
-                               uint16_t commandToWait, uint8_t* pPayloadRet, long sizeMax,
-                               long* plUsed, long iTimeOut, bool bCloseOnTimeout)
-{
-    if (!m_bConnected || bIsReadingThread()) {
-        return -1;
-    }
-    long lResult = -1;
-    int iSendError = 0;
-    {
-        const CHeldLock<CRecursiveLock> exchange(m_LockExchange);
-        if (!exchange) {
-            return -1;
-        }
-        const CForScope exchanging(m_exchangingThread, pthread_self());
-        m_iExchangeSendError = 0;
-        m_iCommandToWait = commandToWait;
-        CAwaitedAnswer answer(*this, reinterpret_cast<uint8_t*>(&m_iCommandToWait), pPayloadRet,
-                              sizeMax, plUsed);
-        if (answer && iWrite(command, pPayload, size, 0, 0, 0, 0) > 0) {
-            lResult = answer.lAwait(iTimeOut);
-        }
-        iSendError = m_iExchangeSendError;
-    }
-    if (iSendError != 0) {
-        FinishFailedSend(iSendError);
-    }
-    if (bCloseOnTimeout && lResult != 0) {
-        Close();
-    }
-    return lResult;
 }
 
 void CSocketBase::ResetPing()

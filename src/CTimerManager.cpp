@@ -1,5 +1,7 @@
 #include "libQuorCore/CTimerManager.h"
 
+#include "internal/Clock.h"
+
 #include "libQuorCore/CThread.h"
 
 #include <cerrno>
@@ -9,9 +11,6 @@ namespace QuorCore
 {
 namespace
 {
-constexpr int kMsPerSecond = 1000;
-constexpr long kNanosecondsPerMs = 1000000;
-
 bool bHasBit(int iFd)
 {
     return 0 <= iFd && iFd < FD_SETSIZE;
@@ -21,8 +20,8 @@ bool bHasBit(int iFd)
 timespec ConvertMillisecondToTimeval(int iMs)
 {
     timespec time = {};
-    time.tv_sec = iMs / kMsPerSecond;
-    time.tv_nsec = iMs % kMsPerSecond * kNanosecondsPerMs;
+    time.tv_sec = static_cast<time_t>(iMs / kMsPerSecond);
+    time.tv_nsec = static_cast<long>(iMs % kMsPerSecond * kNanosecondsPerMs);
     return time;
 }
 

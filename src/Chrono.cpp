@@ -1,17 +1,18 @@
 #include "libQuorCore/Chrono.h"
 
+#include "internal/Clock.h"
+
 #include "libQuorCore/CThread.h"
 
 #include <cerrno>
 
 using QuorCore::CThread;
+using QuorCore::kMsPerSecond;
+using QuorCore::kNanosecondsPerMs;
 
 namespace
 {
 const char* const m_szLabel = "Chrono"; // function name of every line that it logs
-
-constexpr uint32_t kMsPerSecond = 1000;
-constexpr int64_t kNanosecondsPerMs = 1000000;
 
 /// @return Whether the clock could be read; else that was logged.
 bool bRead(timespec& now)
@@ -37,10 +38,11 @@ uint32_t Chrono::GetElapsedTime() const
 {
     timespec now = {};
     if (!bRead(now)) {
-        return kMsPerSecond;
+        return static_cast<uint32_t>(kMsPerSecond);
     }
     // In unsigned 32 bits, which wrap, but for the nanoseconds: a negative part goes towards zero.
     const auto iSeconds = static_cast<uint32_t>(now.tv_sec - m_timeOnRaz.tv_sec);
     const int64_t iNanoseconds = int64_t{now.tv_nsec} - m_timeOnRaz.tv_nsec;
-    return kMsPerSecond * iSeconds + static_cast<uint32_t>(iNanoseconds / kNanosecondsPerMs);
+    return static_cast<uint32_t>(kMsPerSecond) * iSeconds +
+           static_cast<uint32_t>(iNanoseconds / kNanosecondsPerMs);
 }

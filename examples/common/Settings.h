@@ -9,7 +9,6 @@
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 /**
  * @brief Reads a whole number and says in the log what is wrong with it.
@@ -65,17 +64,4 @@ inline std::string szConfigOption(QuorCore::CCoreApp& app, int argc, char** argv
     }
     const std::unique_ptr<char, decltype(&std::free)> pDirectory(getcwd(nullptr, 0), &std::free);
     return std::string(pDirectory != nullptr ? pDirectory.get() : ".") + '/' + szFile;
-}
-
-/// @return The words of a text that blanks separate.
-inline std::vector<std::string> SplitAtBlanks(const std::string& szText)
-{
-    std::vector<std::string> words;
-    size_t begin = szText.find_first_not_of(' ');
-    while (begin != std::string::npos) {
-        const size_t end = szText.find(' ', begin);
-        words.push_back(szText.substr(begin, end - begin)); // to its end, if there is no blank
-        begin = szText.find_first_not_of(' ', end);
-    }
-    return words;
 }

@@ -141,7 +141,7 @@ bool CHelloClient::bDoLines()
 
 bool CHelloClient::bDo(const std::string& szCommand)
 {
-    const std::vector<std::string> words = SplitAtBlanks(szCommand);
+    const std::vector<std::string> words = SplitString(" ", szCommand);
     if (words.empty()) {
         return true;
     }

@@ -191,7 +191,7 @@ void CHelloDaemon::AnnounceTools()
 void CHelloDaemon::StartChild()
 {
     const std::string szCommand = m_FileConfig.szGetParameter("child", "");
-    std::vector<std::string> words = SplitAtBlanks(szCommand);
+    std::vector<std::string> words = SplitString(" ", szCommand);
     if (words.empty()) {
         return;
     }

@@ -167,9 +167,6 @@ protected:
 
     std::string szCopyConnexionName(); ///< @return The connection name, safe beside Configure().
 
-    /// @return Bytes at m_pRxBuffer; 0 without one.
-    size_t sizeRxBuffer() const { return m_sizeRxBuffer; }
-
     std::atomic<bool> m_bConnected{false};     ///< The link is up. Set under m_RecursiveLock.
     std::atomic<bool> m_bRestartBuffer{false}; ///< The reading thread is to drop what it has.
     std::atomic<long> m_lSizeDataMax{0};       ///< Largest received data in bytes.

@@ -55,6 +55,9 @@ public:
         if (m_dialogue.m_pSent == &m_call) { // the thread is being cancelled
             m_dialogue.m_pSent = nullptr;
         }
+        if (m_dialogue.m_pSettling == &m_call) {
+            m_dialogue.m_pSettling = nullptr;
+        }
         m_dialogue.m_queue.Leave(m_call);
     }
 
