@@ -17,7 +17,9 @@ bool bAwaitFd(int iFd, short events, const CDeadline& deadline, int iWakeFd)
     if (iResult == -1) {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
-    if (entries[1].revents != 0) {
+    // A connection that stands and a frame that is on its way come before an interruption.
+    const bool bWritable = (entries[0].revents & POLLOUT) != 0;
+    if (entries[1].revents != 0 && !bWritable) {
         throw CInterrupted();
     }
     return entries[0].revents != 0;
