@@ -17,7 +17,7 @@ void CDMObject::SerializeJson(CContextJson& context, Json::Value& value, bool bA
     }
     if (bIsNull()) {
         if (context.m_bPubAll) {
-            StoreJson(value, false, Json::Value());
+            StoreJson(context, value, false, Json::Value());
         }
     } else if (iDepth >= 0) {
         // An element's members are as deep as the list that it is in.

@@ -240,13 +240,14 @@ void CListBase::SerializeJson(CContextJson& context, Json::Value& value, bool bA
 Json::Value CListBase::ItemsAsJson(CContextJson& context, int iDepth)
 {
     const bool bFiles = context.bIsFile() && m_bIsContainer;
+    const bool bLabelsStay = std::exchange(context.m_bLabelsStay, false);
     std::set<std::string> written;
     Json::Value array(Json::arrayValue);
     for (CObjectData* pItem : m_Record) {
         if (pItem == nullptr) {
             continue;
         }
-        const bool bRecord = dynamic_cast<CRecord*>(pItem) != nullptr;
+        const bool bRecord = pItem->pAsRecord() != nullptr;
         if (bFiles && !written.insert(pItem->szGetLabel()).second) {
             QUORCORE_LOG(LOG_ERR, "fichier : %s: a second item of this label",
                          pItem->szGetLabel().c_str());
@@ -270,6 +271,7 @@ Json::Value CListBase::ItemsAsJson(CContextJson& context, int iDepth)
             pItem->WriteOwnFile(array[place]);
         }
     }
+    context.m_bLabelsStay = bLabelsStay;
     return array;
 }
 
@@ -365,7 +367,7 @@ long CListBase::iCheckJson(CContextJson& context, Json::Value& value, std::strin
         // A POST reaches every list of a record with the whole request: what is no element of this
         // one is no reason to refuse it.
         const auto pItem = pNewItem();
-        const bool bRecord = dynamic_cast<CRecord*>(pItem.get()) != nullptr;
+        const bool bRecord = pItem->pAsRecord() != nullptr;
         return value.isObject() == bRecord
                    ? pItem->iCheckArrayJson(context, value, pszError, bReset)
                    : 0;
@@ -444,7 +446,7 @@ long CListBase::iAdd(CObjectData* pItem, bool bTake)
     // Only records have children: asking a leaf would leave a line in the log for each. Without a
     // label, for one called "name" would answer with itself.
     pItem->SetLabel("");
-    auto* const pRecord = dynamic_cast<CRecord*>(pItem);
+    CRecord* const pRecord = pItem->pAsRecord();
     auto* const pName = pRecord != nullptr
                             ? dynamic_cast<CString*>(pRecord->pFindChildByName(kNameChild))
                             : nullptr;

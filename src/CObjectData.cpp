@@ -1,6 +1,7 @@
 #include "libQuorCore/CObjectData.h"
 
 #include "internal/CCancelGuard.h"
+#include "internal/CForScope.h"
 #include "internal/JsonFile.h"
 #include "internal/JsonText.h"
 
@@ -99,6 +100,11 @@ CObjectData::CObjectData(CObject* pParent, const char* szLabel) : CObject(pParen
         pRecord->Link(this);
         pRecord->m_Record.push_back(this);
     }
+}
+
+CRecord* CObjectData::pAsRecord()
+{
+    return m_bIsRecord ? static_cast<CRecord*>(this) : nullptr;
 }
 
 CObjectData::~CObjectData()
@@ -257,6 +263,7 @@ bool CObjectData::bSerializeJson(CContextJson& context, std::string* pszOut, Jso
     return bGuarded(context, [&] {
         Json::Value local;
         Json::Value& value = pValue != nullptr ? *pValue : local;
+        const CForScope labelsStay(context.m_bLabelsStay, pValue == nullptr);
         SerializeJson(context, value, false, iDepth);
         if (pszOut != nullptr) {
             *pszOut = szCompactJson(value);
@@ -413,13 +420,18 @@ bool CObjectData::bMayPublish(CContextJson& context)
     return !(context.m_bOnlyPublic && bIsAttributeMasked()) && bCheckRestriction(context, true);
 }
 
-void CObjectData::StoreJson(Json::Value& value, bool bArray, Json::Value form) const
+void CObjectData::StoreJson(const CContextJson& context, Json::Value& value, bool bArray,
+                            Json::Value form) const
 {
     if (bArray) {
         if (value.isNull() || value.isArray()) {
             value.append(std::move(form));
         }
-    } else if (value.isNull() || value.isObject()) {
+    } else if (!value.isNull() && !value.isObject()) {
+        return;
+    } else if (context.m_bLabelsStay) {
+        value[Json::StaticString(m_szLabel.c_str())] = std::move(form);
+    } else {
         *value.demand(m_szLabel.data(), m_szLabel.data() + m_szLabel.size()) = std::move(form);
     }
 }

@@ -40,6 +40,7 @@ typename Sequence::iterator FindFromEnds(Sequence& sequence, const CObjectData* 
 
 CRecord::CRecord(CObject* pParent, const char* szLabel) : CObjectData(pParent, szLabel)
 {
+    m_bIsRecord = true;
     CObject::SetNull(false); // a record is there as soon as it is built; its members may be null
 }
 
@@ -106,7 +107,7 @@ void CRecord::SerializeJson(CContextJson& context, Json::Value& value, bool bArr
     }
     if (bIsNull()) {
         if (context.m_bPubAll) {
-            StoreJson(value, false, Json::Value());
+            StoreJson(context, value, false, Json::Value());
         }
         return;
     }
@@ -132,7 +133,7 @@ void CRecord::PublishMembers(CContextJson& context, Json::Value& value, bool bIn
         WriteOwnFile(*pMembers);
     }
     if (pMembers == &own && !own.isNull()) {
-        StoreJson(value, false, std::move(own));
+        StoreJson(context, value, false, std::move(own));
     }
 }
 

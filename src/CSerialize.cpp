@@ -30,6 +30,13 @@ CSerialize::CSerialize(ustring* pPayload, bool bSave, bool bLog, bool bOnlyPubli
 {
 }
 
+CSerialize::CSerialize(eSerializeFormat format, const char* szLabel, bool bSave, bool bLog,
+                       bool bOnlyPublic)
+    : m_bSave(bSave), m_bLog(bLog), m_iPos(0), m_bReady(true), m_iFormat(format),
+      m_szLabel(szLabel), m_bOnlyPublic(bOnlyPublic), m_pPayload(nullptr)
+{
+}
+
 CSerialize::~CSerialize() = default;
 
 int CSerialize::iGetPos()

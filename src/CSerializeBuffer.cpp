@@ -18,12 +18,9 @@ int32_t iCapacity(const uint8_t* pBuffer, long iSize)
 
 CSerializeBuffer::CSerializeBuffer(uint8_t* pBuffer, long iSize, bool bSave, bool bLog,
                                    uint16_t bOnlyPublic)
-    : CSerialize(nullptr, bSave, bLog, bOnlyPublic != 0), m_pBuffer(pBuffer),
-      m_Size(iCapacity(pBuffer, iSize))
+    : CSerialize(SERIALIZE_BUFFER, "CSerializeBuffer", bSave, bLog, bOnlyPublic != 0),
+      m_pBuffer(pBuffer), m_Size(iCapacity(pBuffer, iSize))
 {
-    m_bReady = true;
-    m_iFormat = SERIALIZE_BUFFER;
-    m_szLabel = "CSerializeBuffer";
 }
 
 CSerializeBuffer::~CSerializeBuffer() = default;

@@ -5,6 +5,7 @@
 #include "libQuorCore/CNumber.h"
 #include "libQuorCore/CThread.h"
 
+#include <cstring>
 #include <exception>
 #include <string_view>
 #include <utility>
@@ -130,16 +131,20 @@ long CString::iPopText(CSerialize& stream, std::string& szText)
 
 long CString::iPopCharacters(CSerialize& stream, uint16_t iLength, std::string& szText)
 {
-    szText.clear();
     if (iLength == 0) {
+        szText.clear();
         return 0;
     }
     try {
         const uint8_t* const pBytes = CPlainStream::pPop(stream, iLength);
         if (pBytes == nullptr) {
+            szText.clear();
             return iPopBytes(stream, iLength, szText);
         }
-        szText.assign(reinterpret_cast<const char*>(pBytes), iLength);
+        if (szText.size() != iLength) {
+            szText.resize(iLength);
+        }
+        std::memcpy(szText.data(), pBytes, iLength);
         return 0;
     } catch (const std::exception&) { // no memory
         return -1;

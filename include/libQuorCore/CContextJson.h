@@ -71,5 +71,13 @@ public:
                                ///< some attribute was not to be seen.
     std::string m_szCause;     ///< Why something was refused; empty until it is.
     bool m_bOnlyPublic;        ///< Masked attributes are left out.
+
+private:
+    friend class CListBase;
+    friend class CObjectData;
+
+    // Labels outlive the document, which then needs no copies of them. Not for the items of lists:
+    // another thread may remove them before the document is written. Not copied.
+    bool m_bLabelsStay = false;
 };
 } // namespace QuorCore

@@ -186,7 +186,8 @@ protected:
     bool bMayPublish(CContextJson& context);
 
     /// Puts the JSON form of a leaf where SerializeJson() has it.
-    void StoreJson(Json::Value& value, bool bArray, Json::Value form) const;
+    void StoreJson(const CContextJson& context, Json::Value& value, bool bArray,
+                   Json::Value form) const;
 
     /// Publishes a leaf, whose JSON form @p form is asked for when it is needed.
     template <class Form>
@@ -196,9 +197,9 @@ protected:
             return;
         }
         if (!bIsNull()) {
-            StoreJson(value, bArray, form());
+            StoreJson(context, value, bArray, form());
         } else if (context.m_bPubAll) {
-            StoreJson(value, bArray, Json::Value());
+            StoreJson(context, value, bArray, Json::Value());
         }
     }
 
@@ -229,8 +230,12 @@ private:
     friend class CRecord;
     friend class CListBase;
 
+    /// @return The node if it is a record, else null; a list asks each item that it takes.
+    CRecord* pAsRecord();
+
     bool bApplyFile(CContextJson& context, const char* szFile, bool bOwnLabel);
 
+    bool m_bIsRecord = false;
     bool m_bOwned = false;              ///< By the list that holds it.
     CRecord* m_pHolder = nullptr;       ///< The record that lists it.
     CObjectData* m_pNextHeld = nullptr; ///< Neighbours among all that the record holds.

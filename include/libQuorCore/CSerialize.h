@@ -138,6 +138,11 @@ public:
     bool m_bLog;  ///< Walks log every value at debug level.
 
 protected:
+    /// For streams over something else than a byte string, which are always ready. @param szLabel
+    /// Their type, for the log.
+    CSerialize(eSerializeFormat format, const char* szLabel, bool bSave, bool bLog,
+               bool bOnlyPublic);
+
     /// Moves the position by @p iBytes, at most to the ends of the range of int.
     void AdvancePos(int iBytes);
 

@@ -9,6 +9,8 @@ namespace QuorCore
 {
 namespace
 {
+constexpr size_t kUsualBytes = 512; // of a record's text
+
 /// What other writers than ours decide: texts to be escaped, and fractions.
 void AppendByFastWriter(std::string& szOut, const Json::Value& value)
 {
@@ -108,6 +110,7 @@ void Append(std::string& szOut, const Json::Value& value)
 std::string szCompactJson(const Json::Value& value)
 {
     std::string szOut;
+    szOut.reserve(kUsualBytes);
     Append(szOut, value);
     szOut += '\n';
     return szOut;
