@@ -11,7 +11,8 @@
  * @brief A record labelled "db" whose children are the records of a daemon.
  *
  * The children name it as their parent and enter themselves; their full names begin with "/db". It
- * is a container: in file form each child has a file of its own, named by its label.
+ * has no parent itself, with which its own full name would begin. It is a container: in file form
+ * each child has a file of its own, named by its label.
  *
  * A request names what it wants to change. Names that the tree does not have are refused, where the
  * library would pass over them: who mistypes is told. And records that a request does not name are
@@ -21,13 +22,12 @@
  * as the calls here do; only what CTreeCommands and CTreeStore do takes it by itself. It is held
  * for memory alone, never over a file or a socket. Before the daemon's threads run, and after they
  * have stopped, nobody needs it.
- * Ownership: neither parent nor children. Children are destroyed before it: members behind it.
+ * Ownership: children are not owned. They are destroyed before it: members behind it.
  */
 class CTreeRoot : public QuorCore::CRecord
 {
 public:
-    /// @param pParent  The application, or null; not owned.
-    explicit CTreeRoot(QuorCore::CObject* pParent) : CRecord(pParent, "db") {}
+    CTreeRoot() : CRecord(nullptr, "db") {}
 
     std::mutex& Lock() { return m_lock; } ///< Held by who uses the tree. Not recursive.
 

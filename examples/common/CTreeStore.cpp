@@ -347,7 +347,7 @@ bool CTreeStore::bSave()
     m_saved = std::move(records);
     m_bSaved = true;
     RemoveOthers();
-    QUORCORE_LOG(LOG_INFO, "%s: saved as %s", m_szDirectory.c_str(), szState.c_str());
+    QUORCORE_LOG(LOG_NOTICE, "%s: saved as %s", m_szDirectory.c_str(), szState.c_str());
     return true;
 }
 

@@ -26,7 +26,7 @@ public:
 class CSampleTree : public CTreeRoot
 {
 public:
-    explicit CSampleTree(QuorCore::CObject* pParent = nullptr) : CTreeRoot(pParent)
+    CSampleTree()
     {
         m_Callback.m_WhiteList.SetAttributeCanDelete(true);
         m_Cell.SetReadOnly(true);
