@@ -99,6 +99,8 @@ bool CHelloClient::bStart()
 {
     m_Link.Configure(m_iPort, kAnswerBytesMax, m_szHost.c_str());
     m_Link.SetFirstConnectDelay(0);
+    m_Link.pAddCallback(CMD_HELLO_CELL,
+                        new CSocketCallback<CHelloClient>(this, &CHelloClient::OnCmdCell));
     m_Supervisor.Supervise(m_Link);
     const bool bStarted = m_callbackManager.iCreateThread(true, kStartLimitMs) == 0 &&
                           m_Link.iCreateThread(true, kStartLimitMs) == 0 &&
@@ -171,6 +173,9 @@ CHelloClient::result_t CHelloClient::Do(const std::vector<std::string>& words)
     }
     if (szName == "echo" && words.size() == 2) {
         return Echo(std::atoi(words[1].c_str()));
+    }
+    if (szName == "cell" && words.size() == 3) {
+        return Cell(words[1], std::atoi(words[2].c_str()));
     }
     if (szName == "page" && words.size() == 1) {
         return Page();
@@ -269,6 +274,32 @@ CHelloClient::result_t CHelloClient::Echo(int iBytes)
         return {false, szBytes + " came back changed"};
     }
     return {true, szBytes + " came back unchanged"};
+}
+
+// Records travel without names: both sides build the same one. The answer is a frame like any
+// other, for which bStart() has registered a handler.
+CHelloClient::result_t CHelloClient::Cell(const std::string& szTechno, int iLevel)
+{
+    CDMStatCellServing cell(nullptr, "cell");
+    cell.m_Techno = szTechno;
+    cell.m_RxLevel = iLevel; // setting checks no bounds, the receiver does
+    cell.m_DateMes.GetCurrentDateTime();
+    m_CellAnswered.iResetEvent();
+    if (m_Link.iWriteObject(CMD_HELLO_CELL, &cell, 0, 0, 0, 0) < 0 ||
+        m_CellAnswered.iWaitForEvent(m_iTimeoutMs) != 0) {
+        return {false, "no answer"};
+    }
+    const bool bTaken = m_iCellError == 0;
+    return {bTaken, szTechno + ", " + std::to_string(iLevel) + " dBm " +
+                        (bTaken ? "was taken" : "was refused")};
+}
+
+void CHelloClient::OnCmdCell(socketFrame_t* pFrame)
+{
+    if (pFrame != nullptr) {
+        m_iCellError = pFrame->error;
+        m_CellAnswered.iSetEvent();
+    }
 }
 
 // The page is made for a browser. Its rows are "<tr><td>Id</td><td>Label</td>...", and the level

@@ -6,6 +6,7 @@
 
 #include <libQuorCore/libQuorCore.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -16,7 +17,8 @@
  * standard input, one in each line. Every command prints one line, which begins with its name.
  * The line of one that failed goes on with "FAILED".
  *
- * Commands: ping, version, pid, name, greet NAME, echo BYTES, page, level LABEL LEVEL.
+ * Commands: ping, version, pid, name, greet NAME, echo BYTES, page, level LABEL LEVEL, and
+ * cell TECHNO LEVEL, which reports the cell that serves this side.
  * Keys of its configuration: "host", "port", "timeout_ms", "monitoring_period_s", and "log_level_"
  * followed by the label of a thread.
  */
@@ -39,6 +41,9 @@ public:
 
     void OnLink(QuorCore::CMsg* pMsg); ///< Slot: the link came up or went down; on the
                                        ///< dispatcher's thread.
+
+    /// The daemon has taken or refused a cell; on the link's thread.
+    void OnCmdCell(QuorCore::socketFrame_t* pFrame);
 
     static constexpr long kBadSettings = 2;
 
@@ -71,6 +76,7 @@ private:
     result_t Greet(const std::string& szName);
     result_t Echo(int iBytes);
     result_t Page();
+    result_t Cell(const std::string& szTechno, int iLevel);
     result_t Level(const std::string& szLabel, int iLevel);
 
     bool bExchange(uint16_t command, std::string szRequest, uint16_t commandToWait,
@@ -81,7 +87,9 @@ private:
     std::string m_szHost;
     int m_iPort = 0;
     int m_iTimeoutMs = 0;
-    QuorCore::CEvent m_Connected; ///< Set by the slot.
+    QuorCore::CEvent m_Connected;     ///< Set by the slot.
+    QuorCore::CEvent m_CellAnswered;  ///< Set by the handler.
+    std::atomic<int> m_iCellError{0}; ///< What it was answered.
     QuorCore::CSocketClient m_Link;
     CSupervisor m_Supervisor; ///< Uses the link, so it is destroyed before it.
 };

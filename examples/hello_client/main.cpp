@@ -18,7 +18,8 @@ constexpr int kUsageError = 2;
 constexpr const char* kUsage =
     "usage: hello_client [--config FILE] COMMAND ...\n"
     "commands: ping, version, pid, name, 'greet NAME', 'echo BYTES', page,\n"
-    "          'level LABEL LEVEL', and - to read commands from the standard input\n";
+    "          'cell TECHNO LEVEL', 'level LABEL LEVEL', and - to read commands from the\n"
+    "          standard input\n";
 
 /// @return The arguments that are no options.
 std::vector<std::string> Commands(int argc, char** argv)

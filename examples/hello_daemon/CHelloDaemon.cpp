@@ -15,7 +15,8 @@ using namespace QuorCore;
 
 namespace
 {
-constexpr long kDataBytesMax = 4096; // of a frame that a peer sends us
+constexpr long kDataBytesMax = 4096;       // of a frame that a peer sends us
+constexpr long kToolsDataBytesMax = 16384; // likewise a tool, which may send the whole tree
 
 const char* pszOrEmpty(const char* szText)
 {
@@ -27,8 +28,8 @@ CHelloDaemon::CHelloDaemon(int argc, char** argv)
     : CCoreApp(nullptr, argc, argv),
       m_szUserOption(pszOrEmpty(szGetParamArguments(argc, argv, "--user"))),
       m_szGroupOption(pszOrEmpty(szGetParamArguments(argc, argv, "--group"))),
-      m_Child(this, "child"), m_Server(this, "hello_server"), m_Tools(this, "hello_tools"),
-      m_Supervisor(this, "hello_supervisor")
+      m_Child(this, "child"), m_Store(m_Tree), m_Server(this, "hello_server", m_Tree),
+      m_Tools(this, "hello_tools", m_Tree), m_Supervisor(this, "hello_supervisor")
 {
     m_FileConfig.SetFilename(szConfigOption(*this, argc, argv).c_str());
 }
@@ -45,6 +46,7 @@ int CHelloDaemon::iRun()
         return EXIT_FAILURE;
     }
     iInitCallback();
+    m_Store.bOpen(m_szTreeDirectory); // as the user that it is by now; without it the daemon serves
     int iStatus = EXIT_FAILURE;
     if (bStart()) {
         AnnounceReady();
@@ -54,6 +56,7 @@ int CHelloDaemon::iRun()
     QUORCORE_LOG(LOG_NOTICE, "stopping");
     m_Logger.iGetLogLevel(&m_FileConfig); // while the threads are there to be asked
     Stop();
+    m_Store.bSave();
     iExitInstance(); // stops the child, saves the configuration
     return iStatus;
 }
@@ -63,7 +66,8 @@ int CHelloDaemon::iRun()
 long CHelloDaemon::iInitInstance()
 {
     m_FileConfig.iLoad();
-    return bReadSettings() && bReadIdentity() ? CCoreApp::iInitInstance() : kBadSettings;
+    return bReadSettings() && bReadTreeDirectory() && bReadIdentity() ? CCoreApp::iInitInstance()
+                                                                      : kBadSettings;
 }
 
 bool CHelloDaemon::bReadSettings()
@@ -80,6 +84,18 @@ bool CHelloDaemon::bReadSettings()
     m_szToolsPath = m_FileConfig.szGetParameter("tools_path", "");
     m_Supervisor.SetPeriod(iPeriodSec);
     return bGood;
+}
+
+// Nobody knows what a relative path would mean: a daemon in the background works in "/".
+bool CHelloDaemon::bReadTreeDirectory()
+{
+    m_szTreeDirectory = m_FileConfig.szGetParameter("tree_directory", "");
+    if (m_szTreeDirectory.empty() || m_szTreeDirectory[0] == '/') {
+        return true;
+    }
+    QUORCORE_LOG(LOG_ERR, "configuration %s: tree_directory=%s is not an absolute path",
+                 m_FileConfig.pszGetFilename(), m_szTreeDirectory.c_str());
+    return false;
 }
 
 // The library goes on as root when it does not know the user. This daemon prefers not to start.
@@ -110,6 +126,7 @@ long CHelloDaemon::iInitCallback()
         m_callbackManager.pAddCallback(iEventId, new CSlotCallback<CHelloDaemon>(this, slot));
     };
     connect(EVT_CONFIG_SAVE, &CHelloDaemon::OnConfigSave);
+    connect(EVT_DATABASE_SAVE, &CHelloDaemon::OnDatabaseSave);
     connect(EVT_COM_CONNECTED, &CHelloDaemon::OnLink);
     connect(EVT_COM_DISCONNECTED, &CHelloDaemon::OnLink);
     connect(EVT_PROCESS_STOPPED, &CHelloDaemon::OnProcessStopped);
@@ -142,7 +159,7 @@ bool CHelloDaemon::bStartTools()
         m_Tools.SetBindAddress(nullptr);
     }
     m_Tools.SetUnixPath(m_szToolsPath.c_str());
-    m_Tools.Configure(m_iToolsPort, kDataBytesMax, "tools of hello_daemon");
+    m_Tools.Configure(m_iToolsPort, kToolsDataBytesMax, "tools of hello_daemon");
     return m_Tools.iCreateThread(false, 0) == 0;
 }
 
@@ -219,6 +236,12 @@ void CHelloDaemon::OnConfigSave(CMsg*)
 {
     m_Logger.iGetLogLevel(&m_FileConfig);
     QUORCORE_LOG(LOG_NOTICE, "configuration saved");
+}
+
+// Several requests in a row are saved by the first of their messages, or what they left over.
+void CHelloDaemon::OnDatabaseSave(CMsg*)
+{
+    m_Store.bSave();
 }
 
 void CHelloDaemon::OnLink(CMsg* pMsg)

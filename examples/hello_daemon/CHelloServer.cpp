@@ -9,7 +9,8 @@
 
 using namespace QuorCore;
 
-CHelloServer::CHelloServer(CObject* pParent, const char* szLabel) : CSocketServer(pParent, szLabel)
+CHelloServer::CHelloServer(CObject* pParent, const char* szLabel, CHelloTree& tree)
+    : CSocketServer(pParent, szLabel), m_tree(tree)
 {
 }
 
@@ -21,17 +22,26 @@ CHelloServer::~CHelloServer()
 long CHelloServer::iInitInstance()
 {
     const long lResult = CSocketServer::iInitInstance();
-    using Callback = CSocketCallback<CSocketBase>::Callback;
-    const auto handler = static_cast<Callback>(&CHelloServer::OnCmdGreet);
-    pAddCallback(CMD_HELLO_GREET, new CSocketCallback<CSocketBase>(this, handler));
+    using Callback = CSocketCallback<CHelloServer>;
+    pAddCallback(CMD_HELLO_GREET, new Callback(this, &CHelloServer::OnCmdGreet));
+    pAddCallback(CMD_HELLO_CELL, new Callback(this, &CHelloServer::OnCmdCell));
     return lResult;
 }
 
 void CHelloServer::OnCmdGreet(socketFrame_t* pFrame)
 {
     if (pFrame != nullptr) {
-        std::vector<uint8_t> answer = MakeGreeting(*pFrame);
+        std::vector<uint8_t> answer = MakeGreeting(m_tree, *pFrame);
         iWrite(reinterpret_cast<socketFrame_t*>(answer.data()));
+    }
+}
+
+void CHelloServer::OnCmdCell(socketFrame_t* pFrame)
+{
+    if (pFrame != nullptr) {
+        pFrame->error = m_tree.bTakeCell(*pFrame) ? 0 : kErrorBadCell;
+        pFrame->SetData(nullptr, 0);
+        iWrite(pFrame);
     }
 }
 

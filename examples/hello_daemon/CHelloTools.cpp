@@ -7,7 +7,10 @@
 
 using namespace QuorCore;
 
-CHelloTools::CHelloTools(CObject* pParent, const char* szLabel) : CSocketHub(pParent, szLabel) {}
+CHelloTools::CHelloTools(CObject* pParent, const char* szLabel, CHelloTree& tree)
+    : CSocketHub(pParent, szLabel), m_tree(tree), m_treeCommands(tree)
+{
+}
 
 CHelloTools::~CHelloTools()
 {
@@ -18,6 +21,7 @@ long CHelloTools::iInitInstance()
 {
     const long lResult = CSocketHub::iInitInstance();
     pAddCallback(CMD_HELLO_GREET, new CSocketCallback<CHelloTools>(this, &CHelloTools::OnCmdGreet));
+    m_treeCommands.Register(*this);
     return lResult;
 }
 
@@ -25,7 +29,7 @@ void CHelloTools::OnCmdGreet(socketFrame_t* pFrame)
 {
     const peer_t* const pPeer = pAskingPeer();
     if (pFrame != nullptr && pPeer != nullptr) {
-        std::vector<uint8_t> answer = MakeGreeting(*pFrame);
+        std::vector<uint8_t> answer = MakeGreeting(m_tree, *pFrame);
         iAnswer(pPeer->id, reinterpret_cast<socketFrame_t*>(answer.data()));
     }
 }

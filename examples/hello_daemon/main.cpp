@@ -1,5 +1,5 @@
 // The smallest complete daemon: configuration, log, dispatcher, one endpoint with a command of its
-// own and its supervision, a child process, signals, and an orderly end.
+// own and its supervision, a data tree that it keeps, a child process, signals, and an orderly end.
 #include "CHelloDaemon.h"
 
 #include <cstdio>

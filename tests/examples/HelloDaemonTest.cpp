@@ -159,6 +159,7 @@ TEST_F(AHelloDaemon, EndsInOrderOnSigtermWithItsConfigurationSaved)
               "port=0\n"
               "tools_path=\n"
               "tools_port=-1\n"
+              "tree_directory=\n"
               "user=\n",
               szSaved());
 }
@@ -396,6 +397,8 @@ INSTANTIATE_TEST_SUITE_P(
                 ": port=99999999999 is not a number from 0 to 65535"},
         BadLine{"AToolsPortThatIsTooHigh", "tools_port=70000",
                 ": tools_port=70000 is not a number from -1 to 65535"},
+        BadLine{"ARelativeTreeDirectory", "tree_directory=tree",
+                ": tree_directory=tree is not an absolute path"},
         BadLine{"NoPeriodAtAll", "monitoring_period_s=0",
                 ": monitoring_period_s=0 is not a number from 1 to 30"},
         BadLine{"ALevelOfLetters", "log_level_hello_server=chatty",
