@@ -302,4 +302,42 @@ TEST_F(QuorctlWithToolsEndpoint, MeasuresItOverManyConnections)
         EXPECT_EQ(500, objects[0]["requests"].asInt());
     }
 }
+TEST_F(QuorctlWithToolsEndpoint, ShowsAndChangesItsTree)
+{
+    EXPECT_EQ("hello", JsonOf({"config", "get", "/db/greeting"})["word"].asString());
+    EXPECT_EQ("salut",
+              JsonOf({"config", "set", "/db/greeting/word", "\"salut\""})["word"].asString());
+    EXPECT_EQ("salut, Ada", JsonOf({"send", "1000", "--data", "Ada"})["data"].asString());
+    const Json::Value tree =
+        JsonOf({"config", "set", "{\"callback\":{\"whiteList\":[\"+33123\"]}}"});
+    EXPECT_EQ("+33123", tree["callback"]["whiteList"][0].asString());
+    EXPECT_EQ("salut", tree["greeting"]["word"].asString());
+    EXPECT_EQ("{\n    \"whiteList\" : \n    [\n        \"+33123\"\n    ]\n}\n",
+              szOutputOf({"config", "get", "/db/callback/whiteList"}));
+}
+
+TEST_F(QuorctlWithToolsEndpoint, TellsWhyItsTreeStaysAsItIs)
+{
+    struct refusal_t {
+        const char* pszPath;
+        const char* pszValue;
+        const char* pszCause;
+    };
+    for (const refusal_t& refusal :
+         {refusal_t{"/db/greeting/answered", "7",
+                    "/db/greeting/answered: answered : Valeur d\u2019attribut non pr\u00e9vue ou "
+                    "incoh\u00e9rente (error 403)"},
+          refusal_t{"/db/greeting/nameBytesMax", "65",
+                    "/db/greeting/nameBytesMax: nameBytesMax : Valeur d\u2019attribut non "
+                    "pr\u00e9vue ou incoh\u00e9rente (error 403)"},
+          refusal_t{"/db/greeting", "{\"wort\":\"salut\"}",
+                    "/db: there is no attribute /db/greeting/wort (error 403)"},
+          refusal_t{"/db/none", "1", "/db/none: there is no such attribute (error 404)"}}) {
+        ExpectFailure(
+            RunQuorctl({"--port", m_szPort, "config", "set", refusal.pszPath, refusal.pszValue}), 1,
+            refusal.pszCause);
+    }
+    EXPECT_EQ("{\n    \"nameBytesMax\" : 64\n}\n",
+              szOutputOf({"config", "get", "/db/greeting/nameBytesMax"}));
+}
 } // namespace

@@ -38,7 +38,7 @@ TEST(TheManPageOfQuorctl, IsFormattedWithoutAWarning)
 TEST(TheManPageOfQuorctl, TellsOfEveryOptionInTheHelp)
 {
     const std::string szPage = szReadFile(kManPage);
-    for (const char* pszCommand : {"", "ping", "send", "log", "monitor", "bench"}) {
+    for (const char* pszCommand : {"", "ping", "send", "log", "config", "monitor", "bench"}) {
         std::vector<std::string> args = {"--help"};
         if (*pszCommand != '\0') {
             args.insert(args.begin(), pszCommand);
@@ -77,11 +77,12 @@ TEST(TheCompletionOfQuorctl, IsRegistered)
 
 TEST(TheCompletionOfQuorctl, OffersCommands)
 {
-    EXPECT_EQ("ping\nversion\npid\nname\nlog\nsend\nwait\nmonitor\nbench\n",
+    EXPECT_EQ("ping\nversion\npid\nname\nlog\nconfig\nsend\nwait\nmonitor\nbench\n",
               szOffered("quorctl ''"));
     EXPECT_EQ("ping\npid\n", szOffered("quorctl p"));
     EXPECT_EQ("wait\n", szOffered("quorctl --host ping --port 5 --json w"));
     EXPECT_EQ("list\nset\n", szOffered("quorctl log ''"));
+    EXPECT_EQ("get\nset\n", szOffered("quorctl config ''"));
     EXPECT_EQ("", szOffered("quorctl ping ''"));
 }
 
@@ -103,6 +104,7 @@ TEST(TheCompletionOfQuorctl, OffersLevelsBehindTheEqualsSign)
 TEST(TheCompletionOfQuorctl, OffersFiles)
 {
     EXPECT_EQ("/dev/null\n", szOffered("quorctl send 1 --file /dev/nul"));
+    EXPECT_EQ("@/dev/null\n", szOffered("quorctl config set /db @/dev/nul"));
     EXPECT_EQ("", szOffered("quorctl --port ''"));
     const CTempDirectory directory;
     WriteFile(directory.szPath("two words"), "");
@@ -113,7 +115,7 @@ TEST(TheCompletionOfQuorctl, OffersFiles)
 // What is completed is what there is.
 TEST(TheCompletionOfQuorctl, OffersNothingThatTheHelpDoesNotName)
 {
-    for (const std::string szCommand : {"ping", "send", "monitor", "bench"}) {
+    for (const std::string szCommand : {"ping", "config", "send", "monitor", "bench"}) {
         const std::string szHelp =
             RunQuorctl({"--help"}).szOutput + RunQuorctl({szCommand, "--help"}).szOutput;
         std::istringstream options(szOffered("quorctl " + szCommand + " --"));

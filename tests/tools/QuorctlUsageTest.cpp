@@ -80,6 +80,28 @@ INSTANTIATE_TEST_SUITE_P(
                  {"log", "set", "a=loud"},
                  "log set: 'loud' is no level: 0 to 7 or emerg alert crit err warning notice info "
                  "debug"},
+        BadUsage{"NeitherGetNorSet", {"config"}, "A subcommand is required (see quorctl --help)"},
+        BadUsage{"AValueThatIsNoJson",
+                 {"config", "set", "/db/greeting/word", "salut"},
+                 "config set: 'salut' is no JSON (a text has quotes: '\"...\"')"},
+        BadUsage{"AValueWithMoreBehindIt",
+                 {"config", "set", "1 2"},
+                 "config set: '1 2' is no JSON (a text has quotes: '\"...\"')"},
+        BadUsage{"AFullNameThatIsNone",
+                 {"config", "set", "db/greeting", "1"},
+                 "config set: 'db/greeting' is no full name, as /db/callback is"},
+        BadUsage{"AFullNameWithAGap",
+                 {"config", "set", "/db//word", "1"},
+                 "config set: '/db//word' is no full name, as /db/callback is"},
+        BadUsage{"AValueInAFileThatIsNotThere",
+                 {"config", "set", "/db", "@/nowhere"},
+                 "config set @/nowhere: No such file or directory"},
+        BadUsage{"AValueThatIsTooLarge",
+                 {"config", "set", "@/dev/zero"},
+                 "config set: a frame has 65535 bytes of data at most"},
+        BadUsage{"TooManyArguments",
+                 {"config", "set", "/db", "1", "2"},
+                 "arguments: At Most 2 required but received 3 (see quorctl --help)"},
         BadUsage{"RequestsAndSeconds",
                  {"bench", "--requests", "1", "--seconds", "1"},
                  "--requests excludes --seconds (see quorctl --help)"}),
@@ -90,7 +112,7 @@ TEST(TheHelpOfQuorctl, NamesEveryCommand)
     const ChildResult result = RunQuorctl({"--help"});
     EXPECT_EQ(0, result.iExitCode);
     for (const char* pszCommand :
-         {"ping", "version", "pid", "name", "log", "send", "wait", "monitor", "bench"}) {
+         {"ping", "version", "pid", "name", "log", "config", "send", "wait", "monitor", "bench"}) {
         EXPECT_THAT(result.szOutput, HasSubstr(std::string("\n  ") + pszCommand + ' '));
     }
 }

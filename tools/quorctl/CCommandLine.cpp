@@ -1,6 +1,7 @@
 #include "CCommandLine.h"
 
 #include "CBenchCommand.h"
+#include "CConfigCommand.h"
 #include "CLogCommand.h"
 #include "CMonitorCommand.h"
 #include "CPingCommand.h"
@@ -80,6 +81,7 @@ void CCommandLine::AddCommands()
     AddCommand<CQueryCommand>("name", "Print the daemon's name", QuorCore::CMD_COMMUN_NAME,
                               &ReadName);
     AddCommand<CLogCommand>();
+    AddCommand<CConfigCommand>();
     AddCommand<CSendCommand>();
     AddCommand<CWaitCommand>();
     AddCommand<CMonitorCommand>();

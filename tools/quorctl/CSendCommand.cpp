@@ -4,65 +4,14 @@
 #include "CPrinter.h"
 #include "DataText.h"
 #include "FrameText.h"
-#include "Poll.h"
+#include "InputFile.h"
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
-#include <fcntl.h>
-#include <system_error>
 
 namespace QuorCtl
 {
 namespace
 {
-constexpr const char* kStandardInput = "-";
-constexpr size_t kReadBytes = 4096;
-
-// As read(2), but no longer than the deadline: a terminal or a pipe may have nothing for ever.
-ssize_t lReadSome(int iFd, char* pBytes, size_t size, const CDeadline& deadline)
-{
-    ssize_t lRead = -1;
-    do {
-        if (!bAwaitFd(iFd, POLLIN, deadline, -1)) {
-            errno = ETIMEDOUT;
-            return -1;
-        }
-        lRead = read(iFd, pBytes, size);
-    } while (lRead == -1 && (errno == EINTR || errno == EAGAIN));
-    return lRead;
-}
-
-[[noreturn]] void FailFile(const std::string& szFile, int iError, const CDeadline& deadline)
-{
-    const std::string szWhich = "--file " + szVisible(szFile) + ": ";
-    if (iError == ETIMEDOUT) {
-        throw CTimeOut(szWhich + "no end in " + std::to_string(deadline.iLimitMs()) + " ms");
-    }
-    throw CUsageError(szWhich + std::generic_category().message(iError));
-}
-
-// One byte more than a frame may have is enough to see that it is too much.
-std::string szReadFile(const std::string& szFile, const CDeadline& deadline)
-{
-    const bool bStandardInput = szFile == kStandardInput;
-    // Without O_NONBLOCK a FIFO opens only when somebody writes to it: fifo(7).
-    const CDescriptor opened(
-        bStandardInput ? -1 : open(szFile.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    const int iFd = bStandardInput ? STDIN_FILENO : opened.iGet();
-    std::string szContent;
-    ssize_t lRead = iFd == -1 ? -1 : 1;
-    while (lRead > 0 && szContent.size() <= QuorCore::kFrameDataBytesMax) {
-        const size_t before = szContent.size();
-        szContent.resize(before + kReadBytes);
-        lRead = lReadSome(iFd, &szContent[before], kReadBytes, deadline);
-        szContent.resize(before + (lRead > 0 ? static_cast<size_t>(lRead) : 0));
-    }
-    if (lRead == -1) {
-        FailFile(szFile, errno, deadline);
-    }
-    return szContent;
-}
-
 std::string szFromHexOption(const std::string& szDigits)
 {
     const std::optional<std::string> bytes = FromHex(szDigits);
@@ -100,7 +49,7 @@ CFrame CSendCommand::Request(const CDeadline& deadline) const
     if (!m_szHexDigits.empty()) {
         request.szData = szFromHexOption(m_szHexDigits);
     } else if (m_app.count("--file") != 0) { // even "": a variable that a script forgot to set
-        request.szData = szReadFile(m_szFile, deadline);
+        request.szData = szReadInput(m_szFile, "--file ", deadline);
     }
     if (request.szData.size() > QuorCore::kFrameDataBytesMax) {
         throw CUsageError("send: a frame has " + std::to_string(QuorCore::kFrameDataBytesMax) +

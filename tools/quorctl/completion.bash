@@ -23,7 +23,7 @@ _quorctl()
             ;;
     esac
 
-    # The command, and the one of log: the first words that are neither options nor their values.
+    # The command, and the one of log or config: the first words that are neither options nor their values.
     local word command= subcommand= skip=
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         if [[ -n $skip ]]; then
@@ -46,7 +46,7 @@ _quorctl()
     local words='' options='--host --port --unix --timeout --json --help'
     case $command in
         '')
-            words='ping version pid name log send wait monitor bench'
+            words='ping version pid name log config send wait monitor bench'
             options+=' --version'
             ;;
         ping) options+=' --count --interval' ;;
@@ -59,6 +59,15 @@ _quorctl()
                 return
             elif [[ $subcommand == set && $prev == = ]]; then
                 words=$levels
+            fi
+            ;;
+        config)
+            if [[ -z $subcommand ]]; then
+                words='get set'
+            elif [[ $subcommand == set && $cur == @* ]]; then
+                compopt -o filenames 2> /dev/null
+                mapfile -t COMPREPLY < <(compgen -P @ -f -- "${cur#@}")
+                return
             fi
             ;;
         send)
