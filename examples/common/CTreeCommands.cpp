@@ -16,7 +16,7 @@ constexpr int kWholeDepth = 1000; // levels of records; no tree has as many
 /// A frame of more wraps the 16 bits in which peers compute its size.
 constexpr size_t kAnswerBytesMax = 65535 - kFrameHeaderSize;
 
-/// Calls a function with each frame.
+/// Calls a function with each request.
 class CFrameCallback : public CInvokeCallback
 {
 public:
@@ -27,8 +27,9 @@ public:
 
     void invoke(void* pData) const override
     {
-        if (pData != nullptr) {
-            m_answer(*static_cast<socketFrame_t*>(pData));
+        auto* const pRequest = static_cast<socketFrame_t*>(pData);
+        if (pRequest != nullptr && pRequest->error == 0) {
+            m_answer(*pRequest);
         }
     }
 

@@ -14,12 +14,16 @@
  * @brief Lets the peers of an endpoint read and write a daemon's tree.
  *
  * CMD_COMMUN_GET_CONFIG: the data names an attribute in full, as "/db/callback", or is empty for
- * the whole tree. Answered with its public JSON. CMD_COMMUN_SET_CONFIG: the data is a JSON document
- * whose members are those of the tree. All of it is applied, and answered without data, or nothing.
- * EVT_DATABASE_SAVE is then posted. Either may be refused: the header's error word then has a code
- * in the manner of HTTP, for a document that of CObjectData::iMoWrite(), and the data is an error
- * document, {"object": full name, "cause": text}, of which "object" may be missing. The other words
- * of the header are the peer's, as they came.
+ * the whole tree. Answered with its public JSON.
+ *
+ * CMD_COMMUN_SET_CONFIG: the data is a JSON document whose members are those of the tree. All of it
+ * is applied, and answered without data, or nothing. EVT_DATABASE_SAVE is then posted.
+ *
+ * Either may be refused: the header's error word then has a code in the manner of HTTP, for a
+ * document that of CObjectData::iMoWrite(), and the data is an error document, {"object": full
+ * name, "cause": text}, of which "object" may be missing. The other words of the header are the
+ * peer's, as they came. A frame with an error word is an answer that came too late, and is not
+ * answered: two such endpoints would never end.
  *
  * Threads: any; each request holds the tree's lock while it is served.
  * Ownership: the tree is not owned; it and this object outlive the endpoints' threads.

@@ -243,6 +243,19 @@ TEST_F(ATreesCommands, KeepTheWordsOfTheRequest)
     EXPECT_EQ("{\"level\":5}\n", answer.szData);
 }
 
+TEST_F(ATreesCommands, AnswerNoAnswers)
+{
+    for (const uint16_t iCommand : {kGet, kSet}) {
+        Frame late;
+        late.iCommand = iCommand;
+        late.iError = 404;
+        ASSERT_TRUE(m_Peer.bSend(FrameBytes(late)));
+    }
+    EXPECT_EQ("{\"level\":5}\n", szGot("/db/settings/level")); // the first frame that comes
+    EXPECT_NE(0, Ask(kGet, szGot("/db")).iError); // what was read is no request, nor what was
+    EXPECT_NE(0, Ask(kSet, "").iError);           // answered to a write: each ends with an error
+}
+
 TEST_F(ATreesCommands, TellThatATreeIsTooLargeForAFrame)
 {
     m_Tree.m_Callback.AddPhoneNumberToWhitelist(std::string(65515, '1'));
