@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -24,7 +26,9 @@ constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
 constexpr size_t kFileBytesMax = 16U << 20U; // of a record that is read
 constexpr size_t kLabelBytesMax = 255 - 11;  // of a file name, with "unreadable-" in front
-constexpr int kWholeDepth = 1000;            // levels of records; no tree has as many
+constexpr std::chrono::seconds kLockWait{2};
+constexpr std::chrono::milliseconds kLockPause{20};
+constexpr int kWholeDepth = 1000; // levels of records; no tree has as many
 
 /// Owns one descriptor.
 class CFile
@@ -212,7 +216,15 @@ bool CTreeStore::bTakeDirectory()
     if (m_iDirectoryFd == -1) {
         return bFail("it cannot be opened", "");
     }
-    if (flock(m_iDirectoryFd, LOCK_EX | LOCK_NB) != 0) {
+    // The daemon that this one takes the place of may be busy with its last save.
+    const auto begin = std::chrono::steady_clock::now();
+    bool bLocked = flock(m_iDirectoryFd, LOCK_EX | LOCK_NB) == 0;
+    while (!bLocked && errno == EWOULDBLOCK &&
+           std::chrono::steady_clock::now() - begin < kLockWait) {
+        std::this_thread::sleep_for(kLockPause);
+        bLocked = flock(m_iDirectoryFd, LOCK_EX | LOCK_NB) == 0;
+    }
+    if (!bLocked) {
         const bool bResult = bFail("another process has it", "");
         close(std::exchange(m_iDirectoryFd, -1));
         return bResult;
@@ -403,11 +415,10 @@ bool CTreeStore::bWriteState(const std::string& szState, const std::vector<recor
 
 bool CTreeStore::bSwitchTo(const std::string& szState)
 {
+    unlinkat(m_iDirectoryFd, kNext, 0); // of a save that failed
     if (symlinkat(szState.c_str(), m_iDirectoryFd, kNext) != 0 ||
         renameat(m_iDirectoryFd, kNext, m_iDirectoryFd, kCurrent) != 0) {
-        const bool bResult = bFail("not saved, cannot be linked", szState);
-        unlinkat(m_iDirectoryFd, kNext, 0);
-        return bResult;
+        return bFail("not saved, cannot be linked", szState);
     }
     m_szCurrent = szState;
     return fsync(m_iDirectoryFd) == 0 || bFail("does not reach the disk", kCurrent);

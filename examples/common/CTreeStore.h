@@ -25,7 +25,8 @@
  * and length, but may set what is read-only. Masked texts are saved, too: the directories are
  * for the owner alone (0700).
  *
- * The directory belongs to one process: it is locked with flock(2) as long as this object lives. A
+ * The directory belongs to one process: it is locked with flock(2) as long as this object lives,
+ * and waited for 2 s when another one has it. A
  * daemon calls bOpen() as the user that it runs as, before its threads run, and bSave() upon
  * EVT_DATABASE_SAVE and at its end. What did not change since the last time is not written again.
  *

@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <random>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -281,6 +282,21 @@ TEST_F(ATreeStore, IsOneProcesssAlone)
     EXPECT_FALSE(second.store.bOpen(m_szStore));
     EXPECT_EQ(1U, nLogged("another process has it"));
     EXPECT_FALSE(second.store.bSave());
+}
+
+TEST_F(ATreeStore, WaitsForTheProcessWhosePlaceItTakes)
+{
+    auto pFirst = std::make_unique<CLife>();
+    ASSERT_TRUE(pFirst->store.bOpen(m_szStore));
+    pFirst->tree.m_Settings.m_Level = 7;
+    std::thread last([&] {
+        EXPECT_TRUE(pFirst->store.bSave());
+        pFirst.reset();
+    });
+    CLife second;
+    EXPECT_TRUE(second.store.bOpen(m_szStore));
+    last.join();
+    EXPECT_TRUE(second.tree.m_Settings.m_Level == 7U);
 }
 
 TEST_F(ATreeStore, ReadsADirectoryThatCannotBeWrittenAndSaysSo)
