@@ -55,11 +55,27 @@ on AT+CGREG?
 on AT+CGREG=*
     OK
 on AT+COPS?
-    +COPS: 0,0,"Simulated Network",7
+    +COPS: 0,2,"20801",7
+    OK
+on AT+COPS=*
+    OK
+on AT+CGATT?
+    +CGATT: 1
+    OK
+on AT+CEER
+    +CEER: no cause
+    OK
+on AT+CLIP=*
     OK
 on AT+CMGF=*
     OK
 on AT+CNMI=*
+    OK
+on AT+CMGR=*
+    +CMGR: "REC UNREAD","+33123456789",,"26/11/22,00:00:00+04"
+    Hello
+    OK
+on AT+CMGD=*
     OK
 on AT+CMGS=*
     @prompt
