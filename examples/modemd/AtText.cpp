@@ -1,0 +1,130 @@
+#include "AtText.h"
+
+#include <libQuorCore/libQuorCore.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstdlib>
+
+namespace
+{
+constexpr size_t kPhoneDigitsMax = 20; // 3GPP TS 23.040, clause 9.1.2.5
+constexpr unsigned kRssiMax = 31;
+constexpr int kLeastLevelDbm = -113;
+constexpr int kLevelStepDbm = 2;
+
+bool bAreDigits(const std::string& szText)
+{
+    return szText.find_first_not_of("0123456789") == std::string::npos;
+}
+} // namespace
+
+std::vector<std::string> AtFields(const std::string& szLine)
+{
+    const size_t nColon = szLine.find(':');
+    std::vector<std::string> fields;
+    if (nColon == std::string::npos) {
+        return fields;
+    }
+    fields.emplace_back();
+    bool bQuoted = false;
+    for (const char c : szLine.substr(nColon + 1)) {
+        if (c == '"') {
+            bQuoted = !bQuoted;
+        } else if (c == ',' && !bQuoted) {
+            fields.emplace_back();
+        } else {
+            fields.back() += c;
+        }
+    }
+    for (std::string& szField : fields) {
+        szField = Strip(szField, nullptr);
+    }
+    return fields;
+}
+
+std::optional<unsigned> AtNumber(const std::string& szText, int iBase)
+{
+    const char* const pszDigits = iBase == 16 ? "0123456789abcdefABCDEF" : "0123456789";
+    if (szText.empty() || szText.find_first_not_of(pszDigits) != std::string::npos) {
+        return {};
+    }
+    const unsigned long long iNumber = std::strtoull(szText.c_str(), nullptr, iBase);
+    return iNumber <= INT_MAX ? std::optional<unsigned>(static_cast<unsigned>(iNumber))
+                              : std::nullopt;
+}
+
+// In the answer a number stands before the state, and place and cell stand in quotes, or, of some
+// modems, without: a report has the place second, an answer the state.
+std::optional<registration_t> ParseRegistration(const std::string& szLine)
+{
+    const std::vector<std::string> fields = AtFields(szLine);
+    const size_t nComma = szLine.find(',');
+    const bool bReport =
+        fields.size() == 1 || szLine.compare(std::min(nComma, szLine.size()), 2, ",\"") == 0;
+    const size_t nState = bReport ? 0 : 1;
+    const std::optional<unsigned> state =
+        fields.size() > nState ? AtNumber(fields[nState]) : std::nullopt;
+    if (!state) {
+        return {};
+    }
+    registration_t registration;
+    registration.iState = *state;
+    if (fields.size() > nState + 2) {
+        registration.lac = AtNumber(fields[nState + 1], 16);
+        registration.cell = AtNumber(fields[nState + 2], 16);
+    }
+    if (fields.size() > nState + 3) {
+        registration.techno = AtNumber(fields[nState + 3]);
+    }
+    return registration;
+}
+
+const char* pszRegistration(unsigned iState)
+{
+    static constexpr std::array<const char*, 6> kStates = {"not registered", "home",    "searching",
+                                                           "denied",         "unknown", "roaming"};
+    return iState < kStates.size() ? kStates[iState] : "unknown";
+}
+
+const char* pszTechno(unsigned iAccessTechnology)
+{
+    // Indices of _apszTechnoType by <AcT>: GSM, GSM Compact, UTRAN, EGPRS, HSDPA, HSUPA, both,
+    // E-UTRAN, and the narrow-band forms of GSM and E-UTRAN.
+    static constexpr std::array<size_t, 10> kIndices = {0, 0, 2, 1, 3, 4, 5, 7, 0, 7};
+    return iAccessTechnology < kIndices.size()
+               ? QuorCore::_apszTechnoType[kIndices[iAccessTechnology]]
+               : nullptr;
+}
+
+std::optional<signal_t> ParseSignal(const std::string& szLine)
+{
+    const std::vector<std::string> fields = AtFields(szLine);
+    const std::optional<unsigned> rssi = fields.size() == 2 ? AtNumber(fields[0]) : std::nullopt;
+    const std::optional<unsigned> ber = fields.size() == 2 ? AtNumber(fields[1]) : std::nullopt;
+    return rssi && ber ? std::optional<signal_t>({*rssi, *ber}) : std::nullopt;
+}
+
+int iLevelDbm(const signal_t& signal)
+{
+    return signal.iRssi <= kRssiMax
+               ? kLeastLevelDbm + kLevelStepDbm * static_cast<int>(signal.iRssi)
+               : kNoLevelDbm;
+}
+
+bool bIsPhoneNumber(const std::string& szText)
+{
+    const std::string szDigits = szText.substr(szText.compare(0, 1, "+") == 0 ? 1 : 0);
+    return !szDigits.empty() && szDigits.size() <= kPhoneDigitsMax && bAreDigits(szDigits);
+}
+
+bool bIsPin(const std::string& szText)
+{
+    return szText.size() >= 4 && szText.size() <= 8 && bAreDigits(szText);
+}
+
+bool bIsPrintable(const std::string& szText)
+{
+    return std::all_of(szText.begin(), szText.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
