@@ -77,13 +77,15 @@ TEST(TheCompletionOfQuorctl, IsRegistered)
 
 TEST(TheCompletionOfQuorctl, OffersCommands)
 {
-    EXPECT_EQ("ping\nversion\npid\nname\nlog\nconfig\nsend\nwait\nmonitor\nbench\n",
+    EXPECT_EQ("ping\nversion\npid\nname\nlog\nconfig\nsend\nwait\nmonitor\nbench\nmodem\n",
               szOffered("quorctl ''"));
     EXPECT_EQ("ping\npid\n", szOffered("quorctl p"));
     EXPECT_EQ("wait\n", szOffered("quorctl --host ping --port 5 --json w"));
     EXPECT_EQ("list\nset\n", szOffered("quorctl log ''"));
     EXPECT_EQ("get\nset\n", szOffered("quorctl config ''"));
     EXPECT_EQ("", szOffered("quorctl ping ''"));
+    EXPECT_EQ("imei\nimsi\n", szOffered("quorctl modem im"));
+    EXPECT_EQ("list\nadd\nremove\n", szOffered("quorctl modem whitelist ''"));
 }
 
 TEST(TheCompletionOfQuorctl, OffersTheOptionsOfTheCommand)

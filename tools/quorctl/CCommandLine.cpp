@@ -3,6 +3,7 @@
 #include "CBenchCommand.h"
 #include "CConfigCommand.h"
 #include "CLogCommand.h"
+#include "CModemCommand.h"
 #include "CMonitorCommand.h"
 #include "CPingCommand.h"
 #include "CPrinter.h"
@@ -86,6 +87,7 @@ void CCommandLine::AddCommands()
     AddCommand<CWaitCommand>();
     AddCommand<CMonitorCommand>();
     AddCommand<CBenchCommand>();
+    AddCommand<CModemCommand>();
 }
 
 // False: it asked for help or the version, which was printed.

@@ -46,7 +46,7 @@ _quorctl()
     local words='' options='--host --port --unix --timeout --json --help'
     case $command in
         '')
-            words='ping version pid name log config send wait monitor bench'
+            words='ping version pid name log config send wait monitor bench modem'
             options+=' --version'
             ;;
         ping) options+=' --count --interval' ;;
@@ -74,6 +74,13 @@ _quorctl()
             options+=' --data --hex --file --type --user1 --user2 --expect --no-answer'
             ;;
         monitor) options+=' --count --pings' ;;
+        modem)
+            if [[ -z $subcommand ]]; then
+                words='imei imsi csq cell sms whitelist at record'
+            elif [[ $subcommand == whitelist && $prev == whitelist ]]; then
+                words='list add remove'
+            fi
+            ;;
         bench) options+=' --connections --requests --seconds --size --pipeline' ;;
     esac
     if [[ $cur == -* ]]; then
