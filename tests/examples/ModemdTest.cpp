@@ -644,6 +644,22 @@ TEST_F(AModemDaemon, SwitchesTheModemOffAndOnAgain)
     EXPECT_EQ(0, Ask(kCsq).iError);
 }
 
+TEST_F(AModemDaemon, ServesAnotherDaemon)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("signal USR1\n    @hangup\n"));
+    const std::string szConfig = m_Directory.szPath("watch.conf");
+    WriteFile(szConfig, "port=" + std::to_string(m_iPort) + "\nperiod_s=1\n");
+    CChild watch(Program({MODEM_WATCH, "--config", szConfig}));
+    EXPECT_FALSE(AwaitLog("modem_link.* cell 43981 of area 195, LTE, -79 dBm").empty());
+    EXPECT_FALSE(AwaitLog("modem_link.* registration: home, error 0").empty());
+    m_pModem->Signal(SIGUSR1);
+    EXPECT_FALSE(AwaitLog("modem_link.* news: the modem is away").empty());
+    EXPECT_FALSE(AwaitLog("modem_link.* registration: there is no modem, error 2").empty());
+    watch.Signal(SIGTERM);
+    EXPECT_EQ(0, watch.Await().iExitCode);
+    EXPECT_EQ(0, iEnd());
+}
+
 TEST_F(AModemDaemon, AnswersForItsVersion)
 {
     const ChildResult result = RunProgram({MODEMD, "--version"});
