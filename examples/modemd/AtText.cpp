@@ -11,6 +11,7 @@ namespace
 {
 constexpr size_t kPhoneDigitsMax = 20; // 3GPP TS 23.040, clause 9.1.2.5
 constexpr unsigned kRssiMax = 31;
+constexpr unsigned kBerMax = 7;
 constexpr int kLeastLevelDbm = -113;
 constexpr int kLevelStepDbm = 2;
 
@@ -70,6 +71,7 @@ std::optional<registration_t> ParseRegistration(const std::string& szLine)
         return {};
     }
     registration_t registration;
+    registration.setting = bReport ? std::nullopt : AtNumber(fields[0]);
     registration.iState = *state;
     if (fields.size() > nState + 2) {
         registration.lac = AtNumber(fields[nState + 1], 16);
@@ -103,7 +105,13 @@ std::optional<signal_t> ParseSignal(const std::string& szLine)
     const std::vector<std::string> fields = AtFields(szLine);
     const std::optional<unsigned> rssi = fields.size() == 2 ? AtNumber(fields[0]) : std::nullopt;
     const std::optional<unsigned> ber = fields.size() == 2 ? AtNumber(fields[1]) : std::nullopt;
-    return rssi && ber ? std::optional<signal_t>({*rssi, *ber}) : std::nullopt;
+    if (!rssi || !ber) {
+        return {};
+    }
+    signal_t signal;
+    signal.iRssi = *rssi <= kRssiMax ? *rssi : signal.iRssi;
+    signal.iBer = *ber <= kBerMax ? *ber : signal.iBer;
+    return signal;
 }
 
 int iLevelDbm(const signal_t& signal)

@@ -15,7 +15,8 @@ std::optional<unsigned> AtNumber(const std::string& szText, int iBase = 10);
 
 /// @brief What "+CREG:" and "+CGREG:" tell: 3GPP TS 27.007, clauses 7.2 and 10.1.20.
 struct registration_t {
-    unsigned iState = 4; ///< 4: unknown.
+    std::optional<unsigned> setting; ///< Of an answer: which reports are switched on.
+    unsigned iState = 4;             ///< 4: unknown.
     std::optional<unsigned> lac;
     std::optional<unsigned> cell;
     std::optional<unsigned> techno; ///< <AcT>.

@@ -214,6 +214,11 @@ long CModemCommands::lAsk(const std::string& szText, const std::string& szPrefix
     return m_port.lCommand(szText, szPrefix, result, m_limits.iCommandMs);
 }
 
+long CModemCommands::lSwitchOn(atResult_t& result)
+{
+    return m_port.lCommand("AT+CFUN=1", "", result, m_limits.iNetworkMs);
+}
+
 long CModemCommands::lEnterPin(const std::string& szPin, atResult_t& result)
 {
     atCommand_t command;

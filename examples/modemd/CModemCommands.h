@@ -49,6 +49,8 @@ public:
     /// @return As CThreadAT::lCommand().
     long lAsk(const std::string& szText, const std::string& szPrefix, QuorCore::atResult_t& result);
 
+    long lSwitchOn(QuorCore::atResult_t& result); ///< The radio. @return As lAsk().
+
     /// Sets the PIN. The flight record does not show it. @return As lAsk().
     long lEnterPin(const std::string& szPin, QuorCore::atResult_t& result);
 

@@ -53,7 +53,7 @@ int CModemDaemon::iRun()
     QUORCORE_LOG(LOG_NOTICE, "stopping");
     m_Logger.iGetLogLevel(&m_FileConfig); // while the threads are there to be asked
     Stop();
-    m_Store.bSave(); // with what was last known of the cell
+    m_Store.bSave();
     iExitInstance(); // saves the configuration
     return iStatus;
 }
@@ -149,7 +149,9 @@ long CModemDaemon::iInitCallback()
 // A daemon that cannot keep what it is told prefers not to start: somebody has asked for it.
 bool CModemDaemon::bOpenStore()
 {
-    return m_Store.bOpen(m_FileConfig.szGetParameter("data_directory", ""));
+    const bool bOpen = m_Store.bOpen(m_FileConfig.szGetParameter("data_directory", ""));
+    m_Tree.ForgetCell(); // that of a former life
+    return bOpen;
 }
 
 bool CModemDaemon::bStart()

@@ -29,6 +29,9 @@ constexpr std::array<uint16_t, 19> kQueued = {CMD_MODEM_GET_IMEI,
                                               CMD_MODEM_GET_SIGNAL_QUALITY,
                                               CMD_MODEM_TEST_CONNECTIVITY};
 
+// A frame of more wraps the 16 bits in which peers compute its size.
+constexpr size_t kAnswerBytesMax = static_cast<size_t>(kFrameDataBytesMax) - kFrameHeaderSize;
+
 std::string szDataOf(socketFrame_t& frame)
 {
     return {reinterpret_cast<const char*>(frame.pGetData()), frame.GetDataSize()};
@@ -52,8 +55,8 @@ answer_t AnswerOf(const ustring& bytes)
 // The end of it that fits into a frame, from the beginning of a line on.
 std::string szNewest(std::string szRecord)
 {
-    if (szRecord.size() > static_cast<size_t>(kFrameDataBytesMax)) {
-        szRecord.erase(0, szRecord.size() - static_cast<size_t>(kFrameDataBytesMax));
+    if (szRecord.size() > kAnswerBytesMax) {
+        szRecord.erase(0, szRecord.size() - kAnswerBytesMax);
         szRecord.erase(0, szRecord.find('\n') + 1);
     }
     return szRecord;
@@ -98,7 +101,7 @@ request_t CModemEndpoint::RequestOf(socketFrame_t& frame) const
 // The words of the request's header that are the peer's go back as they came.
 void CModemEndpoint::Answer(const request_t& request, const answer_t& answer)
 {
-    const size_t nBytes = std::min(answer.szData.size(), static_cast<size_t>(kFrameDataBytesMax));
+    const size_t nBytes = std::min(answer.szData.size(), kAnswerBytesMax);
     std::vector<uint8_t> memory(kFrameHeaderSize + nBytes);
     std::memcpy(memory.data(), &request.header, kFrameHeaderSize);
     std::memcpy(memory.data() + kFrameHeaderSize, answer.szData.data(), nBytes);
@@ -111,7 +114,7 @@ void CModemEndpoint::Answer(const request_t& request, const answer_t& answer)
 void CModemEndpoint::TellAll(const std::string& szNews)
 {
     iPushAll(CMD_MODEMD_NEWS, reinterpret_cast<const uint8_t*>(szNews.data()),
-             static_cast<long>(std::min(szNews.size(), static_cast<size_t>(kFrameDataBytesMax))));
+             static_cast<long>(std::min(szNews.size(), kAnswerBytesMax)));
 }
 
 void CModemEndpoint::OnCmdQueued(socketFrame_t* pFrame)

@@ -14,6 +14,8 @@ constexpr milliseconds kPatience{1000}; // of a start, until a modem that is not
 constexpr int kWrongMoment = 14;        // +CME: SIM busy
 constexpr int kWrongMomentSms = 314;    // +CMS: SIM busy
 
+constexpr unsigned kReportsWithPlace = 2; // of AT+CREG=
+
 // What it is told besides: numbers of errors as words, what it is to report, texts as text.
 constexpr const char* kSetUp[] = {"AT+CREG=2", "AT+CGREG=2",  "AT+COPS=3,2",
                                   "AT+CMGF=1", "AT+CNMI=2,1", "AT+CLIP=1"};
@@ -82,7 +84,7 @@ long CModemKeeper::iRunThread()
     m_start = clock::now();
     while (m_bRun) {
         LookAtLink();
-        DoReports();
+        DoOneReport();
         DoWhatIsDue();
         if (!bDoOneRequest()) {
             m_Wake.iWaitForEvent(lWaitMs());
@@ -104,7 +106,8 @@ void CModemKeeper::LookAtLink()
     }
     const unsigned nConnections = m_port.nConnections();
     if (std::exchange(m_nConnections, nConnections) != nConnections) {
-        Initialise();
+        m_szSentPin.clear(); // this SIM may be another one
+        Initialise(true);
     }
 }
 
@@ -130,6 +133,7 @@ long CModemKeeper::lWaitMs() const
 void CModemKeeper::DoWhatIsDue()
 {
     if (!m_port.bIsThere() || m_eState == eModem::OFF) {
+        m_bInDoubt = false;
         return;
     }
     const clock::time_point now = clock::now();
@@ -170,7 +174,7 @@ answer_t CModemKeeper::Serve(const request_t& request)
         return {MODEM_AWAY, "there is no modem"};
     }
     if (iCommand == CMD_MODEM_SET_INIT) {
-        Initialise();
+        Initialise(true);
         return m_eState == eModem::SILENT ? answer_t{MODEM_TIME_OUT, m_szState}
                                           : answer_t{MODEM_OK, m_szState};
     }
@@ -208,19 +212,22 @@ answer_t CModemKeeper::SetPin(const std::string& szPin)
 
 // --- What the modem says by itself
 
-void CModemKeeper::DoReports()
+// One at a time: each has woken the thread, and requests shall not wait for all of them.
+void CModemKeeper::DoOneReport()
 {
-    std::deque<std::string> reports;
+    std::string szReport;
     {
         const std::lock_guard<std::mutex> held(m_lock);
-        reports.swap(m_reports);
-    }
-    for (const std::string& szReport : reports) {
-        if (m_eState == eModem::SILENT) {
-            m_registrationDue = clock::now(); // it lives
-        } else if (m_port.bIsThere()) {
-            Interpret(szReport);
+        if (m_reports.empty()) {
+            return;
         }
+        szReport = std::move(m_reports.front());
+        m_reports.pop_front();
+    }
+    if (m_eState == eModem::SILENT) {
+        m_registrationDue = clock::now(); // it lives
+    } else if (m_port.bIsThere()) {
+        Interpret(szReport);
     }
 }
 
@@ -239,8 +246,7 @@ void CModemKeeper::Interpret(const std::string& szReport)
     } else if (szName == "+CLIP" && !fields.empty()) {
         JudgeCall(fields[0]);
     } else if (szName == "+CPIN") {
-        m_registrationDue = clock::now();
-        m_eState = m_eState == eModem::READY ? eModem::LOCKED : m_eState; // until it is looked at
+        Initialise(false); // it was reset, or its SIM was changed
     } else if (szName == "NO CARRIER") {
         m_szCaller.clear();
     }
@@ -260,7 +266,8 @@ void CModemKeeper::ReadSms(const std::string& szIndex)
                                                 ? AtFields(result.lines.front())
                                                 : std::vector<std::string>();
     if (fields.size() < 2) {
-        Tell(LOG_WARNING, "SMS " + szIndex + " cannot be read: " + RefusalOf(result).szData);
+        Tell(LOG_WARNING, "SMS " + szIndex + " cannot be read: " +
+                              (lResult == 0 ? "it is empty" : RefusalOf(result).szData));
         return;
     }
     const bool bGood = m_tree.bSmsAuthorized(fields[1]);
@@ -297,9 +304,11 @@ bool CModemKeeper::bAsk(const std::string& szText, const std::string& szPrefix, 
     return lResult == 0;
 }
 
-void CModemKeeper::Initialise()
+// bRadio: switches it on. Some modems report their SIM when that is done, and that is no news then.
+void CModemKeeper::Initialise(bool bRadio)
 {
     m_bInDoubt = false;
+    m_bReportsOn = false;
     m_szCaller.clear();
     m_szRegistration.clear();
     m_tree.ForgetCell();
@@ -309,7 +318,9 @@ void CModemKeeper::Initialise()
     bAsk("ATE0", "", result);
     if (!m_bInDoubt) {
         bAsk("AT+CMEE=2", "", result); // errors in words
-        bAsk("AT+CFUN=1", "", result);
+    }
+    if (!m_bInDoubt && bRadio) {
+        m_bInDoubt = m_commands.lSwitchOn(result) == kTimedOut;
     }
     if (m_bInDoubt) {
         FallSilent();
@@ -334,13 +345,9 @@ void CModemKeeper::FallSilent()
 bool CModemKeeper::bUnlock()
 {
     atResult_t result;
-    const auto fail = [this](const std::string& szText) {
-        SetState(eModem::LOCKED, LOG_ERR, szText);
-        return false;
-    };
     if (!bAsk("AT+CPIN?", "+CPIN:", result)) {
         return result.lResult == AT_MODEM_ERROR && !bIsBusy(result) &&
-               fail("the SIM cannot be used: " + RefusalOf(result).szData);
+               bFailSim("the SIM cannot be used: " + RefusalOf(result).szData);
     }
     const std::vector<std::string> fields = AtFields(szLast(result));
     const std::string szWanted = fields.empty() ? "" : fields[0];
@@ -351,20 +358,23 @@ bool CModemKeeper::bUnlock()
         SetState(eModem::READY, LOG_NOTICE, "the modem is ready");
         return true;
     }
-    if (szWanted != "SIM PIN") {
-        return fail("the SIM wants: " + szWanted);
-    }
+    return szWanted == "SIM PIN" ? bEnterPin() : bFailSim("the SIM wants: " + szWanted);
+}
+
+bool CModemKeeper::bEnterPin()
+{
     const std::string szPin = m_pinGuard.szPin();
     if (szPin.empty()) {
-        return fail("the SIM wants a PIN, and none is configured");
+        return bFailSim("the SIM wants a PIN, and none is configured");
     }
     if (!m_pinGuard.bMaySend()) {
-        return fail(
+        return bFailSim(
             "the SIM wants a PIN; the configured one was tried in vain, it is not sent again");
     }
     if (!m_pinGuard.bNote()) {
-        return fail("the PIN is not sent, because that cannot be noted in the configuration");
+        return bFailSim("the PIN is not sent, because that cannot be noted in the configuration");
     }
+    atResult_t result;
     m_szSentPin = szPin;
     if (m_commands.lEnterPin(szPin, result) == 0) {
         m_pinGuard.Accept(std::exchange(m_szSentPin, ""));
@@ -373,14 +383,21 @@ bool CModemKeeper::bUnlock()
     }
     m_bInDoubt = m_bInDoubt || result.lResult == kTimedOut;
     if (result.lResult != AT_MODEM_ERROR) {
-        return fail("it is not known whether the SIM has taken the PIN");
+        return bFailSim("it is not known whether the SIM has taken the PIN");
     }
     m_szSentPin.clear();
-    if (bIsBusy(result)) {
+    if (bIsBusy(result)) { // it has not looked at it
         m_pinGuard.RemoveNote();
         return false;
     }
-    return fail("the SIM has refused the PIN: " + RefusalOf(result).szData);
+    return bFailSim("the SIM has refused the PIN: " + RefusalOf(result).szData);
+}
+
+// @return False always.
+bool CModemKeeper::bFailSim(const std::string& szText)
+{
+    SetState(eModem::LOCKED, LOG_ERR, szText);
+    return false;
 }
 
 // A SIM that was just unlocked may want a moment; what is refused for another reason stays refused.
@@ -408,7 +425,7 @@ void CModemKeeper::Probe()
     if (m_bInDoubt) {
         FallSilent();
     } else if (bAnswers && m_eState == eModem::SILENT) {
-        Initialise();
+        Initialise(true);
     }
 }
 
@@ -421,13 +438,27 @@ void CModemKeeper::PollRegistration()
     SetUp();
     atResult_t result;
     if (bAsk("AT+CREG?", "+CREG:", result)) {
-        const auto registration = ParseRegistration(szLast(result));
-        NoteRegistration(registration ? *registration : registration_t());
+        const registration_t registration =
+            ParseRegistration(szLast(result)).value_or(registration_t());
+        NoteRegistration(registration);
+        if (registration.setting && bHasForgotten(*registration.setting)) {
+            Tell(LOG_WARNING, "the modem has been reset");
+            Initialise(true);
+            return;
+        }
     }
     if (!m_bInDoubt && bAsk("AT+COPS?", "+COPS:", result)) {
         const std::vector<std::string> fields = AtFields(szLast(result));
         m_tree.SetNetwork(fields.size() > 2 ? fields[2] : "");
     }
+}
+
+// A modem on a fixed line may be reset without a sign of it; then it does not report as it was
+// told. One that never did is left in peace.
+bool CModemKeeper::bHasForgotten(unsigned iSetting)
+{
+    const bool bOn = iSetting == kReportsWithPlace;
+    return std::exchange(m_bReportsOn, bOn) && !bOn;
 }
 
 void CModemKeeper::PollSignal()

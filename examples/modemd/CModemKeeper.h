@@ -65,19 +65,22 @@ private:
     bool bDoOneRequest();
     answer_t Serve(const request_t& request);
     answer_t SetPin(const std::string& szPin);
-    void DoReports();
+    void DoOneReport();
     void Interpret(const std::string& szReport);
     void ReadSms(const std::string& szIndex);
     void JudgeCall(const std::string& szNumber);
     void DoWhatIsDue();
     long lWaitMs() const;
 
-    void Initialise();
+    void Initialise(bool bRadio);
     bool bUnlock();
+    bool bEnterPin();
+    bool bFailSim(const std::string& szText);
     void SetUp();
     void Probe();
     void FallSilent();
     void PollRegistration();
+    bool bHasForgotten(unsigned iSetting);
     void PollSignal();
     void NoteRegistration(const registration_t& registration);
     bool bAsk(const std::string& szText, const std::string& szPrefix, QuorCore::atResult_t& result);
@@ -103,6 +106,7 @@ private:
     bool m_bInDoubt = false; ///< It owes an answer: is it there at all?
     unsigned m_nConnections = 0;
     std::vector<std::string> m_toSetUp; ///< Commands that it has not accepted yet.
+    bool m_bReportsOn = false;          ///< It has said that it knows what it was told.
     std::string m_szSentPin;            ///< It has not said what became of it.
     std::string m_szRegistration;
     std::string m_szCaller;

@@ -26,15 +26,17 @@ constexpr std::array<report_t, 12> kReports = {{{"+CREG:", 0},
                                                 {"NO CARRIER", 0},
                                                 {"BUSY", 0}}};
 
-constexpr std::array<std::pair<int, speed_t>, 9> kSpeeds = {{{1200, B1200},
-                                                             {2400, B2400},
-                                                             {4800, B4800},
-                                                             {9600, B9600},
-                                                             {19200, B19200},
-                                                             {38400, B38400},
-                                                             {57600, B57600},
-                                                             {115200, B115200},
-                                                             {230400, B230400}}};
+constexpr std::array<std::pair<int, speed_t>, 11> kSpeeds = {{{1200, B1200},
+                                                              {2400, B2400},
+                                                              {4800, B4800},
+                                                              {9600, B9600},
+                                                              {19200, B19200},
+                                                              {38400, B38400},
+                                                              {57600, B57600},
+                                                              {115200, B115200},
+                                                              {230400, B230400},
+                                                              {460800, B460800},
+                                                              {921600, B921600}}};
 } // namespace
 
 CModemPort::CModemPort(CObject* pParent, const char* szLabel) : CThreadAT(pParent, szLabel)

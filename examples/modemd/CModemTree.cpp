@@ -12,7 +12,7 @@ using namespace QuorCore;
 namespace
 {
 constexpr size_t kCountryDigits = 3;
-constexpr int kFirstNull = 99; // "not known" of +CSQ
+constexpr unsigned kNotKnown = 99; // of +CSQ
 
 using held_t = std::lock_guard<std::mutex>;
 
@@ -61,7 +61,7 @@ CModemTree::CModemTree()
 void CModemTree::SetSignal(const signal_t& signal)
 {
     const auto known = [](unsigned iValue) {
-        return iValue != kFirstNull ? std::optional<unsigned>(iValue) : std::nullopt;
+        return iValue != kNotKnown ? std::optional<unsigned>(iValue) : std::nullopt;
     };
     const held_t held(Lock());
     Set(m_Cell.m_Rssi, known(signal.iRssi));

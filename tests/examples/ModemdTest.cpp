@@ -91,6 +91,14 @@ std::vector<std::string> NumbersOf(const std::string& szBytes)
 class AModemDaemon : public ::testing::Test
 {
 protected:
+    // Whatever was asked of it: it ends in order, and under a sanitizer without a complaint.
+    void TearDown() override
+    {
+        if (m_pDaemon != nullptr) {
+            EXPECT_EQ(0, iEnd());
+        }
+    }
+
     void StartModem(const std::string& szScript)
     {
         const std::string szFile = m_Directory.szPath("script");
@@ -183,7 +191,14 @@ protected:
     int iEnd()
     {
         m_pDaemon->Signal(SIGTERM);
-        return m_pDaemon->Await().iExitCode;
+        return iAwaitEnd();
+    }
+
+    int iAwaitEnd()
+    {
+        const ChildResult result = m_pDaemon->Await();
+        m_pDaemon.reset();
+        return result.iExitCode;
     }
 
     std::string szSaved() const { return szReadFile(m_szConfig); }
@@ -343,7 +358,7 @@ TEST_F(AModemDaemon, EndsInOrderInTheMiddleOfAnExchange)
     ASSERT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> AT+CIMI") == 1; }));
     m_pDaemon->Signal(SIGTERM);
     EXPECT_EQ(kAway, AwaitAnswer(m_Peer, 3001).iError);
-    EXPECT_EQ(0, m_pDaemon->Await().iExitCode);
+    EXPECT_EQ(0, iAwaitEnd());
     EXPECT_THAT(szSaved(), HasSubstr("\nlog_level_modem_keeper=5\n"));
 }
 
@@ -449,7 +464,7 @@ TEST_F(AWrongPin, IsNotSentToAModemThatComesBack)
 TEST_F(AWrongPin, IsNotSentAfterARestart)
 {
     m_pDaemon->Signal(SIGKILL); // it has no chance to note anything at its end
-    m_pDaemon->Await();
+    iAwaitEnd();
     EXPECT_THAT(szSaved(), HasSubstr("pin_tried=1111\n"));
     CSyslogReceiver::Get().Clear();
     ASSERT_NO_FATAL_FAILURE(RunDaemon());
@@ -498,6 +513,52 @@ TEST_F(AModemDaemon, GoesOnWithASetUpThatTheSimWasNotReadyFor)
                                   "on AT+CLIP=1\n    ERROR\n"));
     EXPECT_FALSE(AwaitLog("AT\\+CLIP=1: ERROR").empty());
     EXPECT_EQ(2U, nCount(Ask(kRecord).szData, "> AT+CNMI=2,1\n"));
+}
+
+TEST_F(AModemDaemon, InitialisesAModemAnewThatWasReset)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("once AT+CREG?\n    +CREG: 2,1\n    OK\n"
+                                  "once AT+CREG?\n    +CREG: 0,1\n    OK\n"
+                                  "signal USR1\n    +CPIN: NOT READY\n"));
+    EXPECT_FALSE(AwaitLog("the modem has been reset").empty());
+    EXPECT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> ATE0\n") == 2; }));
+    m_pModem->Signal(SIGUSR1);
+    EXPECT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> ATE0\n") == 3; }));
+    EXPECT_EQ(0, Ask(kInit).iError);
+    EXPECT_EQ(4U, nCount(Ask(kRecord).szData, "> ATE0\n"));
+    EXPECT_EQ(3U, nCount(Ask(kRecord).szData, "> AT+CFUN=1\n")); // else a report for each of them
+}
+
+TEST_F(AModemDaemon, OutlivesAnswersThatMakeNoSense)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("once AT+CREG?\n    +CREG: \n    OK\n"
+                                  "once AT+CREG?\n    +CREG: 2\n    OK\n"
+                                  "once AT+CREG?\n    +CREG: 2,77777777777,\"zz\",\"\n    OK\n"
+                                  "once AT+CREG?\n    +CREG: 2,1,\"FFFFFFFF\",\"\",99\n    OK\n"
+                                  "once AT+CREG?\n    OK\n"
+                                  "on AT+COPS?\n    +COPS: ,,,,,\"\"\"\n    OK\n"
+                                  "on AT+CSQ\n    +CSQ: 300,-1\n    OK\n"
+                                  "on AT+CGREG?\n    OK\n"
+                                  "signal USR1\n    +CMTI: \"SM\"\n    +CMTI: \"SM\",x;+CFUN=0\n"
+                                  "    +CLIP:\n    +CREG: \xFF\x01\n    +CPIN\n    RING\n"));
+    m_pModem->Signal(SIGUSR1);
+    ASSERT_TRUE(bAwaitNews("RING"));
+    ASSERT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> AT+CREG?\n") > 5; }));
+    EXPECT_EQ(kNotUnderstood, Ask(3004).iError);
+    EXPECT_EQ(kNotUnderstood, Ask(3005).iError);
+    EXPECT_EQ(kNotUnderstood, Ask(3010).iError);
+    EXPECT_EQ(0U, nCount(Ask(kRecord).szData, "> AT+CMGR"));
+    QuorCore::CDMStatCellServing cell(nullptr, "");
+    Read(Ask(kCell).szData, cell);
+    EXPECT_TRUE(cell.m_Rssi.bIsNull());
+    EXPECT_TRUE(cell.m_Mcc.bIsNull());
+}
+
+TEST_F(AModemDaemon, TakesADeviceThatIsNoSerialLineForNone)
+{
+    ASSERT_NO_FATAL_FAILURE(StartDaemon("device=/dev/null\n"));
+    EXPECT_FALSE(AwaitLog("the modem is away: /dev/null").empty());
+    EXPECT_EQ(kAway, Ask(kImei).iError);
 }
 
 TEST_F(AModemDaemon, FollowsWhatTheModemReports)
@@ -601,7 +662,7 @@ TEST_F(AModemDaemon, KeepsItsTreeInADirectory)
                    std::string::npos;
     }));
     m_pDaemon->Signal(SIGKILL);
-    m_pDaemon->Await();
+    iAwaitEnd();
     CSyslogReceiver::Get().Clear();
     ASSERT_NO_FATAL_FAILURE(RunDaemon());
     EXPECT_THAT(NumbersOf(Ask(kWhitelist).szData), ElementsAre("+331"));
@@ -634,10 +695,14 @@ TEST_F(AModemDaemon, PassesOnCommandsOfPeople)
 
 TEST_F(AModemDaemon, SwitchesTheModemOffAndOnAgain)
 {
-    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Start("once AT+CIMI\n", "command_timeout_ms=1500\n"));
     EXPECT_EQ(0, Ask(kShutDown).iError);
     ASSERT_FALSE(AwaitLog("the modem was switched off").empty());
     EXPECT_EQ(0, Ask(kImei).iError);
+    EXPECT_EQ(kTimeOut, Ask(3001).iError); // nothing is asked by itself, not even for this
+    const size_t nAsked = nCount(Ask(kRecord).szData, "> AT+C");
+    EXPECT_EQ(0, Ask(kImei).iError);
+    EXPECT_EQ(nAsked + 1, nCount(Ask(kRecord).szData, "> AT+C"));
     const Frame answer = Ask(kInit);
     EXPECT_EQ(0, answer.iError);
     EXPECT_EQ("the modem is ready", answer.szData);
