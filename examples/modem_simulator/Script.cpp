@@ -69,6 +69,8 @@ on AT+CLIP=*
     OK
 on AT+CMGF=*
     OK
+on AT+CSCS=*
+    OK
 on AT+CNMI=*
     OK
 on AT+CMGR=*

@@ -16,9 +16,9 @@ constexpr int kWrongMomentSms = 314;    // +CMS: SIM busy
 
 constexpr unsigned kReportsWithPlace = 2; // of AT+CREG=
 
-// What it is told besides: numbers of errors as words, what it is to report, texts as text.
-constexpr const char* kSetUp[] = {"AT+CREG=2", "AT+CGREG=2",  "AT+COPS=3,2",
-                                  "AT+CMGF=1", "AT+CNMI=2,1", "AT+CLIP=1"};
+// What it is told besides: numbers of errors as words, what it is to report, texts as ASCII.
+constexpr const char* kSetUp[] = {"AT+CREG=2",       "AT+CGREG=2",  "AT+COPS=3,2", "AT+CMGF=1",
+                                  "AT+CSCS=\"IRA\"", "AT+CNMI=2,1", "AT+CLIP=1"};
 
 bool bIsBusy(const atResult_t& result)
 {
