@@ -106,7 +106,6 @@ void CModemKeeper::LookAtLink()
     }
     const unsigned nConnections = m_port.nConnections();
     if (std::exchange(m_nConnections, nConnections) != nConnections) {
-        m_szSentPin.clear(); // this SIM may be another one
         Initialise(true);
     }
 }
@@ -352,9 +351,7 @@ bool CModemKeeper::bUnlock()
     const std::vector<std::string> fields = AtFields(szLast(result));
     const std::string szWanted = fields.empty() ? "" : fields[0];
     if (szWanted == "READY") {
-        if (!m_szSentPin.empty()) { // it has taken its time
-            m_pinGuard.Accept(std::exchange(m_szSentPin, ""));
-        }
+        m_pinGuard.RemoveNote();
         SetState(eModem::READY, LOG_NOTICE, "the modem is ready");
         return true;
     }
@@ -375,9 +372,8 @@ bool CModemKeeper::bEnterPin()
         return bFailSim("the PIN is not sent, because that cannot be noted in the configuration");
     }
     atResult_t result;
-    m_szSentPin = szPin;
     if (m_commands.lEnterPin(szPin, result) == 0) {
-        m_pinGuard.Accept(std::exchange(m_szSentPin, ""));
+        m_pinGuard.Accept(szPin);
         SetState(eModem::READY, LOG_NOTICE, "the modem is ready, its SIM has taken the PIN");
         return true;
     }
@@ -385,11 +381,11 @@ bool CModemKeeper::bEnterPin()
     if (result.lResult != AT_MODEM_ERROR) {
         return bFailSim("it is not known whether the SIM has taken the PIN");
     }
-    m_szSentPin.clear();
     if (bIsBusy(result)) { // it has not looked at it
         m_pinGuard.RemoveNote();
         return false;
     }
+    m_pinGuard.Refuse();
     return bFailSim("the SIM has refused the PIN: " + RefusalOf(result).szData);
 }
 

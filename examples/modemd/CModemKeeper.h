@@ -107,7 +107,6 @@ private:
     unsigned m_nConnections = 0;
     std::vector<std::string> m_toSetUp; ///< Commands that it has not accepted yet.
     bool m_bReportsOn = false;          ///< It has said that it knows what it was told.
-    std::string m_szSentPin;            ///< It has not said what became of it.
     std::string m_szRegistration;
     std::string m_szCaller;
     clock::time_point m_start;

@@ -6,6 +6,7 @@ namespace
 {
 constexpr const char* kPin = "pin";
 constexpr const char* kTried = "pin_tried";
+constexpr const char* kRefused = "pin_refused";
 } // namespace
 
 std::string CPinGuard::szPin() const
@@ -15,13 +16,14 @@ std::string CPinGuard::szPin() const
 
 bool CPinGuard::bMaySend() const
 {
-    return m_config.szGetParameter(kTried, "") != szPin();
+    return m_config.szGetParameter(kTried, "") != szPin() &&
+           m_config.szGetParameter(kRefused, "") != szPin();
 }
 
 // Saving reports its failures to the log alone, so the file is asked.
 bool CPinGuard::bNote()
 {
-    m_config.SetParameter(kTried, szPin().c_str());
+    Set(kTried, szPin());
     CFileConfig saved;
     saved.iLoad(m_config.pszGetFilename());
     return saved.szGetParameter(kTried, "") == szPin();
@@ -29,13 +31,26 @@ bool CPinGuard::bNote()
 
 void CPinGuard::RemoveNote()
 {
-    m_config.SetParameter(kTried, ""); // a line without a value counts as none
+    Set(kTried, ""); // a line without a value counts as none
+}
+
+void CPinGuard::Refuse()
+{
+    Set(kRefused, szPin()); // first: there is a note at any moment
+    RemoveNote();
 }
 
 void CPinGuard::Accept(const std::string& szAccepted)
 {
-    if (szPin() != szAccepted) {
-        m_config.SetParameter(kPin, szAccepted.c_str());
-    }
+    Set(kPin, szAccepted);
+    Set(kRefused, "");
     RemoveNote();
+}
+
+// Every change flushes the whole system.
+void CPinGuard::Set(const char* szKey, const std::string& szValue)
+{
+    if (m_config.szGetParameter(szKey, "") != szValue) {
+        m_config.SetParameter(szKey, szValue.c_str());
+    }
 }

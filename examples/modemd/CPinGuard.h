@@ -7,12 +7,12 @@
 #include <string>
 
 /**
- * @brief Remembers, in the configuration file, which PIN is being tried.
+ * @brief Remembers, in the configuration file, what became of the PIN.
  *
- * A SIM locks after three wrong PINs, and then only its owner's PUK helps. So a PIN is noted before
- * it is sent, and the note is removed when the SIM has accepted it. A PIN that was refused, or
- * whose fate is not known because the power or the modem went, stays noted and is not sent again by
- * the daemon itself, be it restarted, until somebody configures another one. What a person has it
+ * A SIM locks after three wrong PINs, and then only its owner's PUK helps. So the PIN is noted as
+ * tried before it is sent, and the note is removed when the SIM has accepted it or is found to
+ * work. One that was refused is noted as such. Neither is sent again by the daemon itself, be it
+ * restarted, killed or cut off from power, until another one is configured. What a person has it
  * send is that person's affair.
  *
  * Threads: one.
@@ -25,17 +25,20 @@ public:
 
     std::string szPin() const; ///< @return The one that is configured; may be empty.
 
-    bool bMaySend() const; ///< @return Whether the configured one was not tried in vain.
+    bool bMaySend() const; ///< @return Whether it was neither tried nor refused.
 
-    /// Notes the configured one. @return Whether the note is in the file: without it the PIN must
-    /// not be sent.
+    /// Notes that it is being tried. @return Whether the note is in the file: without it the PIN
+    /// must not be sent.
     bool bNote();
 
-    void RemoveNote(); ///< The SIM has not looked at it.
+    void RemoveNote(); ///< The SIM has not looked at it, or works.
+    void Refuse();     ///< It was refused.
 
-    /// It was accepted: it becomes the configured one, and the note is removed.
+    /// A PIN was accepted: it becomes the configured one, and nothing is held against it.
     void Accept(const std::string& szAccepted);
 
 private:
+    void Set(const char* szKey, const std::string& szValue);
+
     QuorCore::CFileConfig& m_config;
 };

@@ -415,12 +415,12 @@ TEST_F(AModemDaemon, EntersThePinThatIsConfigured)
                                   "on AT+CPIN=\"1234\"\n    OK\n",
                                   "pin=1234\n"));
     EXPECT_EQ("READY", Ask(kPinState).szData);
+    EXPECT_THAT(szSaved(), HasSubstr("\npin_tried=\n"));
     const std::string szRecord = Ask(kRecord).szData;
     EXPECT_EQ(1U, nCount(szRecord, "> AT+CPIN=****\n"));
     EXPECT_THAT(szRecord, Not(HasSubstr("1234\"")));
     EXPECT_EQ(0, iEnd());
     EXPECT_THAT(szSaved(), HasSubstr("\npin=1234\n"));
-    EXPECT_THAT(szSaved(), HasSubstr("\npin_tried=\n"));
 }
 
 class AWrongPin : public AModemDaemon
@@ -465,7 +465,7 @@ TEST_F(AWrongPin, IsNotSentAfterARestart)
 {
     m_pDaemon->Signal(SIGKILL); // it has no chance to note anything at its end
     iAwaitEnd();
-    EXPECT_THAT(szSaved(), HasSubstr("pin_tried=1111\n"));
+    EXPECT_THAT(szSaved(), HasSubstr("pin_refused=1111\n"));
     CSyslogReceiver::Get().Clear();
     ASSERT_NO_FATAL_FAILURE(RunDaemon());
     ASSERT_NO_FATAL_FAILURE(AwaitSecondLook());
@@ -478,9 +478,27 @@ TEST_F(AWrongPin, CanBeReplacedByAPeer)
     EXPECT_EQ(kBadRequest, Ask(kSetPin, "22").iError);
     EXPECT_EQ(kBadRequest, Ask(kSetPin, "2222\"\rATD1").iError);
     EXPECT_EQ(0, Ask(kSetPin, "2222").iError);
-    EXPECT_EQ(3U, nAttempts()); // two of them somebody's own
-    EXPECT_EQ(0, iEnd());
-    EXPECT_THAT(szSaved(), HasSubstr("\npin=2222\npin_tried=\n"));
+    EXPECT_THAT(szSaved(), HasSubstr("\npin=2222\npin_refused=\n"));
+}
+
+TEST_F(AModemDaemon, DoesNotSendAPinAgainWhoseFateIsNotKnown)
+{
+    ASSERT_NO_FATAL_FAILURE(StartModem("on AT+CPIN=*\n" + std::string(kLocked)));
+    ASSERT_NO_FATAL_FAILURE(StartDaemon("pin=1111\n"));
+    ASSERT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> AT+CPIN=****") == 1; }));
+    m_pDaemon->Signal(SIGKILL);
+    iAwaitEnd();
+    EXPECT_THAT(szSaved(), HasSubstr("pin_tried=1111\n"));
+    CSyslogReceiver::Get().Clear();
+    ASSERT_NO_FATAL_FAILURE(RunDaemon());
+    ASSERT_FALSE(AwaitLog("the configured one was tried in vain").empty());
+    EXPECT_EQ(0U, nCount(Ask(kRecord).szData, "AT+CPIN="));
+}
+
+TEST_F(AModemDaemon, HoldsNothingAgainstAPinWhenTheSimWorks)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("", "pin=1111\npin_tried=1111\n"));
+    EXPECT_THAT(szSaved(), HasSubstr("\npin_tried=\n"));
 }
 
 TEST_F(AModemDaemon, SendsNoPinThatItCannotNote)
