@@ -56,6 +56,7 @@
 #include "libQuorCore/atErrors.h"
 #include "libQuorCore/crc-16.h"
 #include "libQuorCore/date_time.h"
+#include "libQuorCore/network_helper.h"
 #include "libQuorCore/process_cap.h"
 #include "libQuorCore/socketFrame.h"
 #include "libQuorCore/string_tools.h"
