@@ -39,6 +39,16 @@ bool bLevel(const std::string& szRequest, const std::string& szAnswer)
     }
     return szAnswer == "1";
 }
+
+/// Takes what an earlier program has not read.
+void Discard(int iFd)
+{
+    pollfd left{iFd, POLLIN, 0};
+    char aLeft[256];
+    while (poll(&left, 1, 0) == 1 && (left.revents & POLLIN) != 0 &&
+           read(iFd, aLeft, sizeof(aLeft)) > 0) {
+    }
+}
 } // namespace
 
 std::string CBoard::szWhyNot()
@@ -108,8 +118,8 @@ void CBoard::Open()
     if (tcgetattr(outside.iGet(), &settings) == 0) {
         cfmakeraw(&settings);
         tcsetattr(outside.iGet(), TCSANOW, &settings);
-        tcflush(outside.iGet(), TCIFLUSH); // what an earlier program has not read
     }
+    Discard(outside.iGet());
     m_Outside = std::move(outside);
 }
 
