@@ -49,6 +49,11 @@ int iAsk(int iSocket, unsigned long ulRequest, Request& request)
     return ioctl(iSocket, ulRequest, &request);
 }
 
+CUniqueFd OpenSocket()
+{
+    return CUniqueFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+}
+
 /// @return An empty request for an interface, of whose name @p nMax characters count.
 ifreq RequestFor(const char* interface, size_t nMax)
 {
@@ -235,11 +240,11 @@ struct closePipe_t {
 
 int create_socket()
 {
-    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (iSocket == -1) {
+    CUniqueFd opened = OpenSocket();
+    if (!opened) {
         std::fputs("Could not get socket.\n", stderr);
     }
-    return iSocket;
+    return opened.iRelease();
 }
 
 int generic_ioctrlcall(int socket, unsigned long* request, ifreq* ifr)
@@ -341,7 +346,7 @@ int iSetStaticIp(const char* interface, const char* address, const char* netmask
 int iGetIp(const char* interface, std::string* address, std::string* netmask, bool, long retries)
 {
     const CDeferredCancel deferred;
-    const CUniqueFd socket(create_socket());
+    const CUniqueFd socket = OpenSocket();
     if (!socket) {
         return -1;
     }
@@ -408,7 +413,7 @@ const char* szGetMacAddress(const char* interface, std::string& out)
 {
     const CDeferredCancel deferred;
     out = "00:00:00:00:00:00";
-    const CUniqueFd socket(create_socket());
+    const CUniqueFd socket = OpenSocket();
     if (socket) {
         ifreq request = RequestFor(interface, kNameMax);
         iAsk(socket.iGet(), SIOCGIFHWADDR, request);
