@@ -247,7 +247,7 @@ Json::Value CListBase::ItemsAsJson(CContextJson& context, int iDepth)
         if (pItem == nullptr) {
             continue;
         }
-        const bool bRecord = pItem->pAsRecord() != nullptr;
+        const bool bRecord = pItem->pRecordOrNull() != nullptr;
         if (bFiles && !written.insert(pItem->szGetLabel()).second) {
             QUORCORE_LOG(LOG_ERR, "fichier : %s: a second item of this label",
                          pItem->szGetLabel().c_str());
@@ -367,7 +367,7 @@ long CListBase::iCheckJson(CContextJson& context, Json::Value& value, std::strin
         // A POST reaches every list of a record with the whole request: what is no element of this
         // one is no reason to refuse it.
         const auto pItem = pNewItem();
-        const bool bRecord = pItem->pAsRecord() != nullptr;
+        const bool bRecord = pItem->pRecordOrNull() != nullptr;
         return value.isObject() == bRecord
                    ? pItem->iCheckArrayJson(context, value, pszError, bReset)
                    : 0;
@@ -446,7 +446,7 @@ long CListBase::iAdd(CObjectData* pItem, bool bTake)
     // Only records have children: asking a leaf would leave a line in the log for each. Without a
     // label, for one called "name" would answer with itself.
     pItem->SetLabel("");
-    CRecord* const pRecord = pItem->pAsRecord();
+    CRecord* const pRecord = pItem->pRecordOrNull();
     auto* const pName = pRecord != nullptr
                             ? dynamic_cast<CString*>(pRecord->pFindChildByName(kNameChild))
                             : nullptr;

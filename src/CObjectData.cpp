@@ -102,7 +102,7 @@ CObjectData::CObjectData(CObject* pParent, const char* szLabel) : CObject(pParen
     }
 }
 
-CRecord* CObjectData::pAsRecord()
+CRecord* CObjectData::pRecordOrNull()
 {
     return m_bIsRecord ? static_cast<CRecord*>(this) : nullptr;
 }

@@ -231,7 +231,7 @@ private:
     friend class CListBase;
 
     /// @return The node if it is a record, else null; a list asks each item that it takes.
-    CRecord* pAsRecord();
+    CRecord* pRecordOrNull();
 
     bool bApplyFile(CContextJson& context, const char* szFile, bool bOwnLabel);
 
