@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <json/json.h>
+#include <malloc.h>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -18,6 +19,7 @@ using namespace QuorCore;
 
 namespace
 {
+constexpr double kMib = 1024.0 * 1024.0;
 constexpr int kUnsigned = 12;
 constexpr int kItems = 10;
 constexpr size_t kBytes = 259; // of the record below
@@ -282,50 +284,120 @@ void ParseOnly(benchmark::State& state)
     }
 }
 
-/// A tree of so many numbers, written and read in both forms: the time for each should not grow.
+/// A tree of so many numbers, a power of ten: each record has ten members.
 class CNumbers : public CRecord
 {
 public:
-    explicit CNumbers(int64_t iCount) : CRecord(nullptr, "numbers")
+    explicit CNumbers(int iCount, CObject* pParent = nullptr, const char* szLabel = "numbers")
+        : CRecord(pParent, szLabel)
     {
-        for (int64_t i = 0; i < iCount; ++i) {
-            const std::string szLabel = "attribute" + std::to_string(i);
-            m_numbers.push_back(std::make_unique<CDMUInt>(this, szLabel.c_str(), 7, 0, 1000000, 7));
+        for (int i = 0; i < kMembers; ++i) {
+            const std::string szMember = "attribute" + std::to_string(i);
+            if (iCount > kMembers) {
+                m_records.push_back(
+                    std::make_unique<CNumbers>(iCount / kMembers, this, szMember.c_str()));
+            } else {
+                m_numbers.push_back(
+                    std::make_unique<CDMUInt>(this, szMember.c_str(), 7, 0, 1000000, 7));
+            }
         }
     }
 
 private:
+    static constexpr int kMembers = 10;
+
+    std::vector<std::unique_ptr<CNumbers>> m_records;
     std::vector<std::unique_ptr<CDMUInt>> m_numbers;
 };
 
-void BinaryOfNumbers(benchmark::State& state)
-{
-    CNumbers tree(state.range(0));
-    ustring bytes;
-    for (auto _ : state) {
-        bytes.clear();
-        CSerialize writer(&bytes, true, true, true);
-        Require(tree.iSerialize(writer) == 0);
-        CSerializeBuffer reader(bytes.data(), static_cast<long>(bytes.size()), false, true, 1);
-        Require(tree.iSerialize(reader) == 0);
+/// What is done with a tree, over and over.
+struct encode_t {
+    explicit encode_t(CNumbers& tree) : m_Tree(tree) { Do(); }
+    void Do()
+    {
+        m_bytes.clear();
+        CSerialize stream(&m_bytes, true, true, true);
+        Require(m_Tree.iSerialize(stream) == 0);
     }
-    state.SetItemsProcessed(state.iterations() * state.range(0));
-}
-BENCHMARK(BinaryOfNumbers)->Arg(10)->Arg(1000)->Arg(100000);
 
-void JsonOfNumbers(benchmark::State& state)
-{
-    CNumbers tree(state.range(0));
-    std::string szText;
-    for (auto _ : state) {
-        CContextJson get(CContextJson::eGet, "", SERIALIZE_JSON_STREAM, false, true);
-        Require(tree.bSerializeStreamJson(get, szText, 1));
-        CContextJson put(CContextJson::ePut, "", SERIALIZE_JSON_STREAM, false, true);
-        Require(tree.bDeserializeStreamJson(put, szText));
+    CNumbers& m_Tree;
+    ustring m_bytes;
+};
+
+struct decode_t : encode_t {
+    using encode_t::encode_t;
+    void Do()
+    {
+        CSerializeBuffer stream(m_bytes.data(), static_cast<long>(m_bytes.size()), false, true, 1);
+        Require(m_Tree.iSerialize(stream) == 0);
     }
-    state.SetItemsProcessed(state.iterations() * state.range(0));
+};
+
+struct publish_t {
+    explicit publish_t(CNumbers& tree) : m_Tree(tree) { Do(); }
+    void Do()
+    {
+        CContextJson context(CContextJson::eGet, "", SERIALIZE_JSON_STREAM, false, true);
+        Require(m_Tree.bSerializeStreamJson(context, m_szText, 1));
+    }
+
+    CNumbers& m_Tree;
+    std::string m_szText;
+};
+
+struct read_t : publish_t {
+    using publish_t::publish_t;
+    void Do()
+    {
+        CContextJson context(CContextJson::ePut, "", SERIALIZE_JSON_STREAM, false, true);
+        Require(m_Tree.bDeserializeStreamJson(context, m_szText));
+    }
+};
+
+/// A job done with kTrees trees of kAttributes each: where the time is linear, their product alone
+/// counts.
+template <class Job, int kTrees, int kAttributes>
+void DoWithTrees(benchmark::State& state)
+{
+    std::vector<std::unique_ptr<CNumbers>> trees;
+    std::vector<Job> jobs;
+    for (int i = 0; i < kTrees; ++i) {
+        trees.push_back(std::make_unique<CNumbers>(kAttributes));
+        jobs.emplace_back(*trees.back());
+    }
+    for (auto _ : state) {
+        for (Job& job : jobs) {
+            job.Do();
+        }
+    }
 }
-BENCHMARK(JsonOfNumbers)->Arg(10)->Arg(1000)->Arg(100000);
+
+template <class Job>
+bool bCompareSizes(const char* szLarge, const char* szSmall)
+{
+    return Bench::bCompare({szLarge, DoWithTrees<Job, 1, 100000>, DoWithTrees<Job, 100, 1000>,
+                            Bench::AtMostTimes(1.2), Bench::PROCESSOR_TIME}) &&
+           Bench::bCompare({szSmall, DoWithTrees<Job, 1, 1000>, DoWithTrees<Job, 100, 10>,
+                            Bench::AtMostTimes(1.2), Bench::PROCESSOR_TIME});
+}
+
+/// What 1,000,000 numbers and their places in a record take of the heap: ten times 100,000.
+void MemoryOfNumbers(benchmark::State& state)
+{
+    constexpr int kNumbers = 100000;
+    for (auto _ : state) {
+        const size_t before = mallinfo2().uordblks;
+        CRecord record(nullptr, "record");
+        std::vector<std::unique_ptr<CDMUInt>> numbers;
+        numbers.reserve(kNumbers);
+        const size_t own = mallinfo2().uordblks - before;
+        for (int i = 0; i < kNumbers; ++i) {
+            numbers.push_back(std::make_unique<CDMUInt>(&record, "attribute", 7, 0, 1000000, 7));
+        }
+        const size_t used = mallinfo2().uordblks - before - own;
+        state.SetIterationTime(static_cast<double>(used) * 10 / kMib * 1e-9); // as ns
+    }
+}
 
 const bool kRegistered =
     Bench::bCompare({"encode a record of 17 attributes and 10 texts", Encode, EncodeByHand,
@@ -335,5 +407,15 @@ const bool kRegistered =
     Bench::bCompare({"publish it as JSON", Publish, PublishByHand, Bench::AtMostTimes(0.8),
                      Bench::PROCESSOR_TIME}) &&
     Bench::bCompare({"check and apply a JSON request for it", WriteRequest, ParseOnly,
-                     Bench::AtMostTimes(1.3), Bench::PROCESSOR_TIME});
+                     Bench::AtMostTimes(1.3), Bench::PROCESSOR_TIME}) &&
+    bCompareSizes<encode_t>("encode 1 tree of 100,000, as 100 of 1,000",
+                            "encode 1 tree of 1,000, as 100 of 10") &&
+    bCompareSizes<decode_t>("decode 1 tree of 100,000, as 100 of 1,000",
+                            "decode 1 tree of 1,000, as 100 of 10") &&
+    bCompareSizes<publish_t>("publish 1 tree of 100,000, as 100 of 1,000",
+                             "publish 1 tree of 1,000, as 100 of 10") &&
+    bCompareSizes<read_t>("read 1 tree of 100,000, as 100 of 1,000",
+                          "read 1 tree of 1,000, as 100 of 10") &&
+    Bench::bCompare({"heap of 1,000,000 numbers", MemoryOfNumbers, nullptr, Bench::AtMostMib(256),
+                     Bench::SUPPLIED});
 } // namespace
