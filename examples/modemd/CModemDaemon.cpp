@@ -44,18 +44,19 @@ int CModemDaemon::iRun()
         return EXIT_FAILURE;
     }
     iInitCallback();
-    int iStatus = EXIT_FAILURE;
-    if (bOpenStore() && bStart()) {
+    const bool bStarted = bOpenStore() && bStart();
+    if (bStarted) {
         AnnounceReady();
         ProcessSignal();
-        iStatus = EXIT_SUCCESS;
     }
     QUORCORE_LOG(LOG_NOTICE, "stopping");
     m_Logger.iGetLogLevel(&m_FileConfig); // while the threads are there to be asked
     Stop();
-    m_Store.bSave();
+    if (bStarted) {
+        m_Store.bSave();
+    }
     iExitInstance(); // saves the configuration
-    return iStatus;
+    return bStarted ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 long CModemDaemon::iInitInstance()
@@ -149,7 +150,7 @@ long CModemDaemon::iInitCallback()
 // A daemon that cannot keep what it is told prefers not to start: somebody has asked for it.
 bool CModemDaemon::bOpenStore()
 {
-    const bool bOpen = m_Store.bOpen(m_FileConfig.szGetParameter("data_directory", ""));
+    const bool bOpen = m_Store.bOpen(m_FileConfig.szGetParameter("tree_directory", ""));
     m_Tree.ForgetCell(); // that of a former life
     return bOpen;
 }

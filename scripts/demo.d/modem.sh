@@ -34,7 +34,7 @@ start_modem() {
 # Starts modemd with the settings that are given, besides the usual ones.
 start_modemd() {
     printf '%s\n' "device=$work/ttyModem" port=0 "path=$work/run/modem" settle_s=0 reopen_s=1 \
-        registration_period_s=1 signal_period_s=1 "data_directory=$work/modem.data" "$@" \
+        registration_period_s=1 signal_period_s=1 "tree_directory=$work/modem.tree" "$@" \
         > "$work/modemd.conf"
     say "    \$ modemd --config modemd.conf &"
     "$bin/modemd" --config "$work/modemd.conf" &
@@ -114,8 +114,8 @@ END
     expect_said '> ATE0$'
     end_modem
     say 'The white list outlives the daemon:'
-    show_file "$work/modem.data/current/callback"
-    grep --quiet --fixed-strings '+33123456789' "$work/modem.data/current/callback" ||
+    show_file "$work/modem.tree/current/callback"
+    grep --quiet --fixed-strings '+33123456789' "$work/modem.tree/current/callback" ||
         fail 'the number was not saved'
 
     begin_step 'A wrong PIN is sent once, and never again by itself: a SIM locks after three'

@@ -669,7 +669,7 @@ TEST_F(AModemDaemon, TakesAWholeWhiteListOrNothing)
 TEST_F(AModemDaemon, KeepsItsTreeInADirectory)
 {
     const std::string szDirectory = m_Directory.szPath("data");
-    ASSERT_NO_FATAL_FAILURE(Start("", "data_directory=" + szDirectory + "\n"));
+    ASSERT_NO_FATAL_FAILURE(Start("", "tree_directory=" + szDirectory + "\n"));
     EXPECT_EQ(0, Ask(kWhitelist, "+331", kAdd).iError);
     EXPECT_EQ(0, Ask(kSetConfig, "{\"callback\":{\"authMtc\":false}}").iError);
     EXPECT_THAT(Ask(kGetConfig, "/db/callback/authMtc").szData, HasSubstr("false"));
@@ -785,6 +785,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadLine{"APinThatIsTooLong", "pin=123456789", ": pin does not have 4 to 8 digits"},
         BadLine{"AnUnclearPermission", "allow_at=yes",
                 ": allow_at=yes is not a number from 0 to 1"},
+        BadLine{"ATreeThatCannotBeKept", "tree_directory=/proc/none/tree", "/proc/none/tree"},
         BadLine{"ALevelOfLetters", "log_level_modem_port=chatty",
                 ": log_level_modem_port=chatty is not a number from 0 to 7"}),
     [](const auto& bad) { return bad.param.pszWhat; });
