@@ -17,6 +17,8 @@ namespace
 constexpr long kLineBytesMax = 4096;  // of what the modem says
 constexpr long kDataBytesMax = 32768; // of a frame that a peer sends: a white list is the largest
 
+constexpr int kBlinkMs = 500;
+
 std::string szTextOf(const CMsg* pMsg)
 {
     const char* const pText = static_cast<const char*>(pMsg->m_pData);
@@ -52,6 +54,7 @@ int CModemDaemon::iRun()
     QUORCORE_LOG(LOG_NOTICE, "stopping");
     m_Logger.iGetLogLevel(&m_FileConfig); // while the threads are there to be asked
     Stop();
+    ShowState(eModem::AWAY);
     if (bStarted) {
         m_Store.bSave();
     }
@@ -77,6 +80,10 @@ bool CModemDaemon::bReadSettings()
                        bReadLogLevel(m_FileConfig, m_Endpoint, LOG_NOTICE) &&
                        bReadLogLevel(m_FileConfig, m_Keeper, LOG_NOTICE);
     m_szPath = m_FileConfig.szGetParameter("path", "");
+    const std::string szLed = m_FileConfig.szGetParameter("led", "");
+    if (!szLed.empty()) {
+        m_pLed = std::make_unique<CLed>("/sys/class/leds/" + szLed + '/');
+    }
     m_Endpoint.AllowRawCommands(iRawAllowed == 1);
     return bGood;
 }
@@ -221,10 +228,31 @@ void CModemDaemon::OnReport(CMsg* pMsg)
 }
 
 // This is the one place that hears of every change of the modem's state: parameter 2 is an eModem.
-// A LED that shows the state is set here.
 void CModemDaemon::OnNews(CMsg* pMsg)
 {
     const std::string szNews = szTextOf(pMsg);
     QUORCORE_LOG(pMsg->m_iParam1, "%s", szNews.c_str());
     m_Endpoint.TellAll(szNews);
+    ShowState(static_cast<eModem>(pMsg->m_iParam2));
+}
+
+// Dark: no modem. Blinking: somebody has to look after it. Lit: it works.
+void CModemDaemon::ShowState(eModem eState)
+{
+    if (m_pLed == nullptr) {
+        return;
+    }
+    switch (eState) {
+    case eModem::AWAY:
+    case eModem::OFF:
+        m_pLed->SetBrightness(0, true);
+        break;
+    case eModem::SILENT:
+    case eModem::LOCKED:
+        m_pLed->SetBlinking(kBlinkMs, kBlinkMs);
+        break;
+    case eModem::READY:
+        m_pLed->SetBrightness(1, true);
+        break;
+    }
 }

@@ -11,6 +11,7 @@
 
 #include <libQuorCore/libQuorCore.h>
 
+#include <memory>
 #include <string>
 
 /**
@@ -53,6 +54,7 @@ private:
     bool bStart();
     bool bOpenStore();
     void AnnounceReady();
+    void ShowState(eModem eState);
     void Stop();
 
     CModemTree m_Tree;
@@ -62,5 +64,6 @@ private:
     CModemEndpoint m_Endpoint;
     CModemKeeper m_Keeper; ///< Uses all of them, so it is destroyed before them.
     int m_iPort = 0;
-    std::string m_szPath; ///< Of a Unix-domain socket; empty: none.
+    std::string m_szPath;                   ///< Of a Unix-domain socket; empty: none.
+    std::unique_ptr<QuorCore::CLed> m_pLed; ///< Null: none is configured. The dispatcher's.
 };

@@ -1,6 +1,7 @@
 // modemd against the simulated modem: both are processes of their own, with a pseudo-terminal
 // between them.
 #include "examples/ExampleProgram.h"
+#include "support/CSysClass.h"
 #include "support/CTcpPeer.h"
 #include "support/CTempDirectory.h"
 #include "support/Files.h"
@@ -539,7 +540,8 @@ TEST_F(AModemDaemon, InitialisesAModemAnewThatWasReset)
                                   "once AT+CREG?\n    +CREG: 0,1\n    OK\n"
                                   "signal USR1\n    +CPIN: NOT READY\n"));
     EXPECT_FALSE(AwaitLog("the modem has been reset").empty());
-    EXPECT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> ATE0\n") == 2; }));
+    EXPECT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> AT+CLIP=1\n") == 2; }));
+    EXPECT_EQ(2U, nCount(Ask(kRecord).szData, "> ATE0\n"));
     m_pModem->Signal(SIGUSR1);
     EXPECT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> ATE0\n") == 3; }));
     EXPECT_EQ(0, Ask(kInit).iError);
@@ -741,6 +743,26 @@ TEST_F(AModemDaemon, ServesAnotherDaemon)
     watch.Signal(SIGTERM);
     EXPECT_EQ(0, watch.Await().iExitCode);
     EXPECT_EQ(0, iEnd());
+}
+
+TEST_F(AModemDaemon, ShowsTheStateOfItsModemByALed)
+{
+    CSysClass sysClass;
+    const std::string szLed = sysClass.szMakeDirectory("leds/modem");
+    for (const char* pszFile : {"brightness", "trigger", "delay_on", "delay_off"}) {
+        WriteFile(szLed + pszFile, "");
+    }
+    const auto bAwaitFile = [&szLed](const char* pszFile, const std::string& szContent) {
+        return bAwait([&] { return szReadFile(szLed + pszFile) == szContent; });
+    };
+    ASSERT_NO_FATAL_FAILURE(Start("once AT+CPIN?\n    +CME ERROR: SIM not inserted\n"
+                                  "signal USR1\n    @hangup\n",
+                                  "led=modem\nregistration_period_s=2\n"));
+    EXPECT_TRUE(bAwaitFile("brightness", "1"));
+    EXPECT_TRUE(bAwaitFile("delay_on", "500")); // it did blink before
+    m_pModem->Signal(SIGUSR1);
+    EXPECT_TRUE(bAwaitFile("brightness", "0"));
+    EXPECT_EQ("none", szReadFile(szLed + "trigger"));
 }
 
 TEST_F(AModemDaemon, AnswersForItsVersion)
