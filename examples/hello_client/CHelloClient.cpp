@@ -33,10 +33,9 @@ std::string szBetween(const std::string& szText, const char* szBefore, const cha
 } // namespace
 
 CHelloClient::CHelloClient(int argc, char** argv, std::vector<std::string> commands)
-    : CCoreApp(nullptr, argc, argv), m_commands(std::move(commands)), m_Link(this, "hello_link"),
+    : CDaemon(argc, argv), m_commands(std::move(commands)), m_Link(this, "hello_link"),
       m_Supervisor(this, "hello_supervisor")
 {
-    m_FileConfig.SetFilename(szConfigOption(*this, argc, argv).c_str());
 }
 
 CHelloClient::~CHelloClient()
@@ -44,23 +43,9 @@ CHelloClient::~CHelloClient()
     Stop();
 }
 
-int CHelloClient::iRun()
+bool CHelloClient::bWork()
 {
-    m_bRun = true; // before the signals are ours: from there on a SIGTERM lowers it, for good
-    if (iInitInstance() != 0) {
-        return EXIT_FAILURE;
-    }
-    iInitCallback();
-    const bool bGood = bStart() && bDoAll();
-    Stop();
-    iExitInstance();
-    return bGood ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
-long CHelloClient::iInitInstance()
-{
-    m_FileConfig.iLoad();
-    return bReadSettings() ? CCoreApp::iInitInstance() : kBadSettings;
+    return bStart() && bDoAll();
 }
 
 bool CHelloClient::bReadSettings()
@@ -83,7 +68,7 @@ long CHelloClient::iInitCallback()
         m_callbackManager.pAddCallback(
             iEventId, new CSlotCallback<CHelloClient>(this, &CHelloClient::OnLink));
     }
-    return CCoreApp::iInitCallback();
+    return CDaemon::iInitCallback();
 }
 
 void CHelloClient::OnLink(CMsg* pMsg)

@@ -2,6 +2,7 @@
 /// @brief The application object of hello_client.
 #pragma once
 
+#include "../common/CDaemon.h"
 #include "../common/CSupervisor.h"
 
 #include <libQuorCore/libQuorCore.h>
@@ -22,19 +23,12 @@
  * Keys of its configuration: "host", "port", "timeout_ms", "monitoring_period_s", and "log_level_"
  * followed by the label of a thread.
  */
-class CHelloClient : public QuorCore::CCoreApp
+class CHelloClient : public CDaemon
 {
 public:
     /// @param commands  What is to be done.
     CHelloClient(int argc, char** argv, std::vector<std::string> commands);
     ~CHelloClient() override; ///< Stops what the threads use before it goes.
-
-    /// Runs from start to end. @return The exit status: 0 when every command was answered.
-    int iRun();
-
-    /// Reads the settings, then does what the library does.
-    /// @return As CCoreApp::iInitInstance(); kBadSettings when a setting cannot be used.
-    long iInitInstance() override;
 
     /// Registers the slot for both events. @return 0.
     long iInitCallback() override;
@@ -44,8 +38,6 @@ public:
 
     /// The daemon has taken or refused a cell; on the link's thread.
     void OnCmdCell(QuorCore::socketFrame_t* pFrame);
-
-    static constexpr long kBadSettings = 2;
 
 private:
     /// What a command prints behind its name, and whether it succeeded.
@@ -61,9 +53,10 @@ private:
         std::string szLevel; ///< As "3-error".
     };
 
-    bool bReadSettings();
+    bool bReadSettings() override;
+    bool bWork() override;
     bool bStart();
-    void Stop();
+    void Stop() override;
     bool bDoAll();
     bool bDoLines();
     bool bDo(const std::string& szCommand);

@@ -4,15 +4,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <string>
 #include <vector>
 
-using namespace QuorCore;
-
 namespace
 {
-constexpr uint16_t kVersion = 100; // read as 1.00
 constexpr int kUsageError = 2;
 
 constexpr const char* kUsage =
@@ -34,34 +30,20 @@ std::vector<std::string> Commands(int argc, char** argv)
     }
     return commands;
 }
-
-int iFail(const char* szWhat)
-{
-    QUORCORE_LOG(LOG_ERR, "not started: %s", szWhat);
-    std::fprintf(stderr, "hello_client: not started: %s\n", szWhat);
-    return EXIT_FAILURE;
-}
 } // namespace
 
 int main(int argc, char** argv)
 {
-    g_versionFW = {kVersion, "hello_client"};
-    CThread::m_Logger.Init(g_versionFW.szAppName);
-    try {
+    return iRunMain("hello_client", [argc, argv] {
         const std::vector<std::string> commands = Commands(argc, argv);
         CHelloClient client(argc, argv, commands);
-        if (client.bIsParamArguments(argc, argv, "--version")) {
-            std::printf("%s %d.%02d\n", g_versionFW.szAppName, kVersion / 100, kVersion % 100);
+        if (bPrintVersion(client, argc, argv)) {
             return EXIT_SUCCESS;
         }
         if (commands.empty()) {
             std::fputs(kUsage, stderr);
             return kUsageError;
         }
-        return client.iRun();
-    } catch (const char* szWhat) { // it could not become a daemon
-        return iFail(szWhat);
-    } catch (const std::exception& error) {
-        return iFail(error.what());
-    }
+        return client.iRun(); // what failed, it has printed
+    });
 }

@@ -25,13 +25,11 @@ const char* pszOrEmpty(const char* szText)
 } // namespace
 
 CHelloDaemon::CHelloDaemon(int argc, char** argv)
-    : CCoreApp(nullptr, argc, argv),
-      m_szUserOption(pszOrEmpty(szGetParamArguments(argc, argv, "--user"))),
+    : CDaemon(argc, argv), m_szUserOption(pszOrEmpty(szGetParamArguments(argc, argv, "--user"))),
       m_szGroupOption(pszOrEmpty(szGetParamArguments(argc, argv, "--group"))),
       m_Child(this, "child"), m_Store(m_Tree), m_Server(this, "hello_server", m_Tree),
       m_Tools(this, "hello_tools", m_Tree), m_Supervisor(this, "hello_supervisor")
 {
-    m_FileConfig.SetFilename(szConfigOption(*this, argc, argv).c_str());
 }
 
 CHelloDaemon::~CHelloDaemon()
@@ -39,35 +37,15 @@ CHelloDaemon::~CHelloDaemon()
     Stop();
 }
 
-int CHelloDaemon::iRun()
+bool CHelloDaemon::bWork()
 {
-    m_bRun = true; // before the signals are ours: from there on a SIGTERM lowers it, for good
-    if (iInitInstance() != 0) {
-        return EXIT_FAILURE;
-    }
-    iInitCallback();
     m_Store.bOpen(m_szTreeDirectory); // as the user that it is by now; without it the daemon serves
-    int iStatus = EXIT_FAILURE;
-    if (bStart()) {
-        AnnounceReady();
-        ProcessSignal();
-        iStatus = EXIT_SUCCESS;
+    if (!bStart()) {
+        return false;
     }
-    QUORCORE_LOG(LOG_NOTICE, "stopping");
-    m_Logger.iGetLogLevel(&m_FileConfig); // while the threads are there to be asked
-    Stop();
-    m_Store.bSave();
-    iExitInstance(); // stops the child, saves the configuration
-    return iStatus;
-}
-
-// The library loads the configuration itself, but drops the privileges in the same call: who to
-// become has to be known before, and a bad file is best told to the caller's terminal.
-long CHelloDaemon::iInitInstance()
-{
-    m_FileConfig.iLoad();
-    return bReadSettings() && bReadTreeDirectory() && bReadIdentity() ? CCoreApp::iInitInstance()
-                                                                      : kBadSettings;
+    AnnounceReady();
+    ProcessSignal();
+    return true;
 }
 
 bool CHelloDaemon::bReadSettings()
@@ -83,7 +61,7 @@ bool CHelloDaemon::bReadSettings()
                        bReadLogLevel(m_FileConfig, m_Supervisor, kDefaultLogLevel);
     m_szToolsPath = m_FileConfig.szGetParameter("tools_path", "");
     m_Supervisor.SetPeriod(iPeriodSec);
-    return bGood;
+    return bGood && bReadTreeDirectory() && bReadIdentity();
 }
 
 // Nobody knows what a relative path would mean: a daemon in the background works in "/".
@@ -125,12 +103,11 @@ long CHelloDaemon::iInitCallback()
     const auto connect = [this](uint32_t iEventId, void (CHelloDaemon::*slot)(CMsg*)) {
         m_callbackManager.pAddCallback(iEventId, new CSlotCallback<CHelloDaemon>(this, slot));
     };
-    connect(EVT_CONFIG_SAVE, &CHelloDaemon::OnConfigSave);
     connect(EVT_DATABASE_SAVE, &CHelloDaemon::OnDatabaseSave);
     connect(EVT_COM_CONNECTED, &CHelloDaemon::OnLink);
     connect(EVT_COM_DISCONNECTED, &CHelloDaemon::OnLink);
     connect(EVT_PROCESS_STOPPED, &CHelloDaemon::OnProcessStopped);
-    return CCoreApp::iInitCallback();
+    return CDaemon::iInitCallback();
 }
 
 bool CHelloDaemon::bStart()
@@ -231,11 +208,9 @@ void CHelloDaemon::Stop()
     m_callbackManager.iStop(true, false);
 }
 
-// Somebody has changed log levels over the wire. Each level is saved as it is stored.
-void CHelloDaemon::OnConfigSave(CMsg*)
+void CHelloDaemon::Save()
 {
-    m_Logger.iGetLogLevel(&m_FileConfig);
-    QUORCORE_LOG(LOG_NOTICE, "configuration saved");
+    m_Store.bSave();
 }
 
 // Several requests in a row are saved by the first of their messages, or what they left over.

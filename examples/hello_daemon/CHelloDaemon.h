@@ -2,6 +2,7 @@
 /// @brief The application object of hello_daemon.
 #pragma once
 
+#include "../common/CDaemon.h"
 #include "../common/CSupervisor.h"
 #include "../common/CTreeStore.h"
 #include "CHelloServer.h"
@@ -24,34 +25,25 @@
  * parent is there; the tree is kept in it from one run to the next; empty: it is not), "user",
  * "group", and "log_level_" followed by the label of a thread.
  */
-class CHelloDaemon : public QuorCore::CCoreApp
+class CHelloDaemon : public CDaemon
 {
 public:
     CHelloDaemon(int argc, char** argv);
     ~CHelloDaemon() override; ///< Stops what the threads use before it goes.
-
-    /// Runs the daemon from its start to its end. @return The exit status of the process.
-    int iRun();
-
-    /// Reads the settings, then does what the library does.
-    /// @return As CCoreApp::iInitInstance(); kBadSettings when a setting cannot be used.
-    long iInitInstance() override;
 
     /// Registers the slots. @return 0.
     long iInitCallback() override;
 
     /// @name Slots; on the dispatcher's thread.
     /// @{
-    void OnConfigSave(QuorCore::CMsg* pMsg);
     void OnDatabaseSave(QuorCore::CMsg* pMsg); ///< A request has changed the tree.
     void OnLink(QuorCore::CMsg* pMsg);         ///< The peer of the endpoint came or went.
     void OnProcessStopped(QuorCore::CMsg* pMsg);
     /// @}
 
-    static constexpr long kBadSettings = 2;
-
 private:
-    bool bReadSettings();
+    bool bReadSettings() override;
+    bool bWork() override;
     bool bReadIdentity();
     bool bReadTreeDirectory();
     bool bStart();
@@ -59,7 +51,8 @@ private:
     void AnnounceReady();
     void AnnounceTools();
     void StartChild();
-    void Stop();
+    void Stop() override;
+    void Save() override;
 
     const std::string m_szUserOption;  ///< Empty: the configuration's.
     const std::string m_szGroupOption; ///< Empty: the configuration's.

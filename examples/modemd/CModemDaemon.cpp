@@ -27,11 +27,10 @@ std::string szTextOf(const CMsg* pMsg)
 } // namespace
 
 CModemDaemon::CModemDaemon(int argc, char** argv)
-    : CCoreApp(nullptr, argc, argv), m_Port(this, "modem_port"),
+    : CDaemon(argc, argv), m_Port(this, "modem_port"),
       m_Endpoint(this, "modem_endpoint", m_Port, m_Tree),
       m_Keeper(this, "modem_keeper", m_Port, m_Tree, m_Endpoint, m_PinGuard)
 {
-    m_FileConfig.SetFilename(szConfigOption(*this, argc, argv).c_str());
 }
 
 CModemDaemon::~CModemDaemon()
@@ -39,33 +38,14 @@ CModemDaemon::~CModemDaemon()
     Stop();
 }
 
-int CModemDaemon::iRun()
+bool CModemDaemon::bWork()
 {
-    m_bRun = true; // before the signals are ours: from there on a SIGTERM lowers it, for good
-    if (iInitInstance() != 0) {
-        return EXIT_FAILURE;
+    if (!bOpenStore() || !bStart()) {
+        return false;
     }
-    iInitCallback();
-    const bool bStarted = bOpenStore() && bStart();
-    if (bStarted) {
-        AnnounceReady();
-        ProcessSignal();
-    }
-    QUORCORE_LOG(LOG_NOTICE, "stopping");
-    m_Logger.iGetLogLevel(&m_FileConfig); // while the threads are there to be asked
-    Stop();
-    ShowState(eModem::AWAY);
-    if (bStarted) {
-        m_Store.bSave();
-    }
-    iExitInstance(); // saves the configuration
-    return bStarted ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
-long CModemDaemon::iInitInstance()
-{
-    m_FileConfig.iLoad();
-    return bReadSettings() ? CCoreApp::iInitInstance() : kBadSettings;
+    AnnounceReady();
+    ProcessSignal();
+    return true;
 }
 
 bool CModemDaemon::bReadSettings()
@@ -145,13 +125,12 @@ long CModemDaemon::iInitCallback()
     const auto connect = [this](uint32_t iEventId, void (CModemDaemon::*slot)(CMsg*)) {
         m_callbackManager.pAddCallback(iEventId, new CSlotCallback<CModemDaemon>(this, slot));
     };
-    connect(EVT_CONFIG_SAVE, &CModemDaemon::OnConfigSave);
     connect(EVT_DATABASE_SAVE, &CModemDaemon::OnDatabaseSave);
     connect(EVT_COM_CONNECTED, &CModemDaemon::OnLink);
     connect(EVT_COM_DISCONNECTED, &CModemDaemon::OnLink);
     connect(EVT_MODEM_REPORT, &CModemDaemon::OnReport);
     connect(EVT_MODEM_NEWS, &CModemDaemon::OnNews);
-    return CCoreApp::iInitCallback();
+    return CDaemon::iInitCallback();
 }
 
 // A daemon that cannot keep what it is told prefers not to start: somebody has asked for it.
@@ -197,11 +176,10 @@ void CModemDaemon::Stop()
     m_callbackManager.iStop(true, false);
 }
 
-// Somebody has changed log levels over the wire.
-void CModemDaemon::OnConfigSave(CMsg*)
+void CModemDaemon::Save()
 {
-    m_Logger.iGetLogLevel(&m_FileConfig);
-    QUORCORE_LOG(LOG_NOTICE, "configuration saved");
+    ShowState(eModem::AWAY);
+    m_Store.bSave();
 }
 
 // Somebody has changed the white list.

@@ -2,6 +2,7 @@
 /// @brief The application object of modemd.
 #pragma once
 
+#include "../common/CDaemon.h"
 #include "../common/CTreeStore.h"
 #include "CModemEndpoint.h"
 #include "CModemKeeper.h"
@@ -19,35 +20,26 @@
  *
  * docs/modemd.md has its options, the keys of its configuration and its commands.
  */
-class CModemDaemon : public QuorCore::CCoreApp
+class CModemDaemon : public CDaemon
 {
 public:
     CModemDaemon(int argc, char** argv);
     ~CModemDaemon() override; ///< Stops what the threads use before it goes.
-
-    /// Runs the daemon from its start to its end. @return The exit status of the process.
-    int iRun();
-
-    /// Reads the settings, then does what the library does.
-    /// @return As CCoreApp::iInitInstance(); kBadSettings when a setting cannot be used.
-    long iInitInstance() override;
 
     /// Registers the slots. @return 0.
     long iInitCallback() override;
 
     /// @name Slots; on the dispatcher's thread.
     /// @{
-    void OnConfigSave(QuorCore::CMsg* pMsg);
     void OnDatabaseSave(QuorCore::CMsg* pMsg);
     void OnLink(QuorCore::CMsg* pMsg);   ///< The modem came or went.
     void OnReport(QuorCore::CMsg* pMsg); ///< It said something unasked.
     void OnNews(QuorCore::CMsg* pMsg);   ///< The keeper has found something out.
     /// @}
 
-    static constexpr long kBadSettings = 2;
-
 private:
-    bool bReadSettings();
+    bool bReadSettings() override;
+    bool bWork() override;
     bool bReadPort();
     bool bReadTimes();
     bool bReadPin();
@@ -55,7 +47,8 @@ private:
     bool bOpenStore();
     void AnnounceReady();
     void ShowState(eModem eState);
-    void Stop();
+    void Stop() override;
+    void Save() override;
 
     CModemTree m_Tree;
     CTreeStore m_Store{m_Tree};

@@ -17,39 +17,21 @@ constexpr int kDefaultPort = 5560;
 constexpr long kDataBytesMax = 4096; // of a frame that a peer sends us
 } // namespace
 
-CNetd::CNetd(int argc, char** argv) : CCoreApp(nullptr, argc, argv)
-{
-    m_FileConfig.SetFilename(szConfigOption(*this, argc, argv).c_str());
-}
+CNetd::CNetd(int argc, char** argv) : CDaemon(argc, argv) {}
 
 CNetd::~CNetd()
 {
     Stop();
 }
 
-int CNetd::iRun()
+bool CNetd::bWork()
 {
-    m_bRun = true; // before the signals are ours: from there on a SIGTERM lowers it, for good
-    if (iInitInstance() != 0) {
-        return EXIT_FAILURE;
+    if (!bStart()) {
+        return false;
     }
-    iInitCallback();
-    int iStatus = EXIT_FAILURE;
-    if (bStart()) {
-        AnnounceReady();
-        ProcessSignal();
-        iStatus = EXIT_SUCCESS;
-    }
-    QUORCORE_LOG(LOG_NOTICE, "stopping");
-    Stop();
-    iExitInstance(); // saves the configuration
-    return iStatus;
-}
-
-long CNetd::iInitInstance()
-{
-    m_FileConfig.iLoad(); // before the library does: a bad file is best told to the terminal
-    return bReadSettings() ? CCoreApp::iInitInstance() : kBadSettings;
+    AnnounceReady();
+    ProcessSignal();
+    return true;
 }
 
 bool CNetd::bReadSettings()
@@ -79,8 +61,7 @@ long CNetd::iInitCallback()
     };
     connect(EVT_NETD_BUTTON, &CNetd::OnButton);
     connect(EVT_NETD_NETWORK, &CNetd::OnNetwork);
-    connect(EVT_CONFIG_SAVE, &CNetd::OnConfigSave);
-    return CCoreApp::iInitCallback();
+    return CDaemon::iInitCallback();
 }
 
 bool CNetd::bStart()
@@ -164,9 +145,4 @@ void CNetd::OnButton(CMsg* pMsg)
 void CNetd::OnNetwork(CMsg*)
 {
     m_Hub.PushStatus();
-}
-
-void CNetd::OnConfigSave(CMsg*)
-{
-    m_Logger.iGetLogLevel(&m_FileConfig);
 }

@@ -2,6 +2,7 @@
 /// @brief The application object of netd.
 #pragma once
 
+#include "../common/CDaemon.h"
 #include "CButton.h"
 #include "CDeviceStatus.h"
 #include "CNetwork.h"
@@ -24,18 +25,11 @@
  * address, or empty: left as it is), "netmask", "gateway"; and "log_level_" followed by the label
  * of a thread.
  */
-class CNetd : public QuorCore::CCoreApp
+class CNetd : public CDaemon
 {
 public:
     CNetd(int argc, char** argv);
     ~CNetd() override; ///< Stops what the threads use before it goes.
-
-    /// Runs the daemon from its start to its end. @return The exit status of the process.
-    int iRun();
-
-    /// Reads the settings, then does what the library does. @return As CCoreApp::iInitInstance();
-    ///         kBadSettings when a setting cannot be used.
-    long iInitInstance() override;
 
     long iInitCallback() override; ///< Registers the slots. @return 0.
 
@@ -43,18 +37,16 @@ public:
     /// @{
     void OnButton(QuorCore::CMsg* pMsg);
     void OnNetwork(QuorCore::CMsg* pMsg);
-    void OnConfigSave(QuorCore::CMsg* pMsg); ///< Somebody has changed log levels over the wire.
     /// @}
 
-    static constexpr long kBadSettings = 2;
-
 private:
-    bool bReadSettings();
+    bool bReadSettings() override;
+    bool bWork() override;
     bool bStart();
     bool bStartHub();
     void AnnounceReady();
     void FindLed();
-    void Stop();
+    void Stop() override;
 
     int m_iPort = 0;
     std::string m_szPath;
