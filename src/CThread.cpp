@@ -9,7 +9,9 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <unistd.h>
+#include <utility>
 
 namespace QuorCore
 {
@@ -62,15 +64,37 @@ private:
 /// What the calling thread runs for; null in threads that are no CThread's.
 __thread const CThreadLife* t_pOwnLife = nullptr;
 
-/// Takes a thread from the logger before its end is announced: one that nobody joins may otherwise
-/// do so when the process, and with it the logger, is already going down.
-class CUnregister
+/**
+ * @brief What is done at the end of a thread, on every way out of it, a cancellation included.
+ *
+ * A thread-local object and none of a function: on 32-bit ARM a thread that is cancelled within the
+ * first instructions of a function, or on the way into a library, cannot be unwound (the tables of
+ * its ABI are exact at calls only) and ends without a single destructor of its functions' objects.
+ * Those of thread-local objects run all the same.
+ */
+class CThreadLeave
 {
 public:
-    CUnregister() = default;
-    CUnregister(const CUnregister&) = delete;
-    CUnregister& operator=(const CUnregister&) = delete;
-    ~CUnregister() { CThread::m_Logger.CancelLogIdForThread(); }
+    CThreadLeave() = default;
+    CThreadLeave(const CThreadLeave&) = delete;
+    CThreadLeave& operator=(const CThreadLeave&) = delete;
+    ~CThreadLeave() { Leave(); }
+
+    void Enter(std::shared_ptr<CThreadLife> pLife) { m_pLife = std::move(pLife); }
+
+    /// Takes the thread from the logger before its end is announced: one that nobody joins may
+    /// otherwise do so when the process, and with it the logger, is already going down.
+    void Leave()
+    {
+        if (m_pLife != nullptr) {
+            CThread::m_Logger.CancelLogIdForThread();
+            m_pLife->End();
+            m_pLife.reset();
+        }
+    }
+
+private:
+    std::shared_ptr<CThreadLife> m_pLife; // null: nothing is left to do
 };
 
 bool bIsSelf(pthread_t thread)
@@ -227,11 +251,12 @@ void* CThread::pThreadEntryPoint(void* pThis)
     long lResult = -1;
     if (pThis != nullptr) {
         CThread* const pThread = static_cast<CThread*>(pThis);
-        const CThreadEnd end(pThread->m_pLife);
-        const CUnregister unregister;
+        thread_local CThreadLeave leave;
+        leave.Enter(pThread->m_pLife);
         t_pOwnLife = pThread->m_pLife.get();
         lResult = pThread->iRunHooks();
         t_pOwnLife = nullptr;
+        leave.Leave();
     }
     if (lResult != 0) {
         m_Logger.Log(LOG_ERR, __FILE__, __LINE__, "CThread::pThreadEntryPoint", "error: %s",

@@ -758,6 +758,25 @@ TEST_F(AThread, IsCancelledWhenAskedTo)
     EXPECT_TRUE(bAwait([this] { return nThreads() == m_nThreads; }));
 }
 
+// Anywhere between its run flag and its first system call: where a thread cannot be unwound, as in
+// the first instructions of a function on 32-bit ARM, its end is announced all the same.
+TEST_F(AThread, IsGoneWhereverInItsFirstStepsItIsCancelled)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    m_Thread.m_body = lPauseForEver;
+    for (int i = 0; i < 50; ++i) {
+        Start();
+        const CStopwatch time;
+        ASSERT_EQ(0, m_Thread.iStop(true, true));
+        ASSERT_LT(time.iElapsedMs(), kFarFromMs);
+        ASSERT_FALSE(m_Thread.bIsRunning());
+        ASSERT_FALSE(bIsRegistered("worker"));
+    }
+    EXPECT_TRUE(bAwait([this] { return nThreads() == m_nThreads; }));
+}
+
 TEST_F(AThread, IsCancelledInABodyThatOnlyComputes)
 {
     if (kSanitized) {

@@ -4,9 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
-#include <utility>
 
 namespace QuorCore
 {
@@ -132,23 +130,5 @@ private:
     int m_iAlive = 0;       // threads announced or running
     int m_iExpected = 0;    // announced and not running yet
     bool m_bRaised = false; // the latest one has started its loop
-};
-
-/// Announces the end of a thread on every way out of it, a cancellation included.
-class CThreadEnd
-{
-public:
-    explicit CThreadEnd(std::shared_ptr<CThreadLife> pLife) : m_pLife(std::move(pLife)) {}
-    CThreadEnd(const CThreadEnd&) = delete;
-    CThreadEnd& operator=(const CThreadEnd&) = delete;
-    ~CThreadEnd()
-    {
-        if (m_pLife != nullptr) {
-            m_pLife->End();
-        }
-    }
-
-private:
-    std::shared_ptr<CThreadLife> m_pLife;
 };
 } // namespace QuorCore
