@@ -56,6 +56,18 @@ TEST(TheManPageOfQuorctl, TellsOfEveryOptionInTheHelp)
     }
 }
 
+/// Needs bash, which a board may not have.
+class TheCompletionOfQuorctl : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (RunProgram({"bash", "-c", ":"}).iExitCode == kNotStarted) {
+            GTEST_SKIP() << "no bash";
+        }
+    }
+};
+
 /// @return What bash offers for the last of these words, one on a line.
 std::string szOffered(const std::string& szWords)
 {
@@ -68,14 +80,14 @@ std::string szOffered(const std::string& szWords)
     return result.szOutput;
 }
 
-TEST(TheCompletionOfQuorctl, IsRegistered)
+TEST_F(TheCompletionOfQuorctl, IsRegistered)
 {
     const ChildResult result =
         RunProgram({"bash", "--norc", "-c", "source " + kCompletion + " && complete -p quorctl"});
     EXPECT_EQ("complete -F _quorctl quorctl\n", result.szOutput);
 }
 
-TEST(TheCompletionOfQuorctl, OffersCommands)
+TEST_F(TheCompletionOfQuorctl, OffersCommands)
 {
     EXPECT_EQ("ping\nversion\npid\nname\nlog\nconfig\nsend\nwait\nmonitor\nbench\nmodem\n",
               szOffered("quorctl ''"));
@@ -88,7 +100,7 @@ TEST(TheCompletionOfQuorctl, OffersCommands)
     EXPECT_EQ("list\nadd\nremove\n", szOffered("quorctl modem whitelist ''"));
 }
 
-TEST(TheCompletionOfQuorctl, OffersTheOptionsOfTheCommand)
+TEST_F(TheCompletionOfQuorctl, OffersTheOptionsOfTheCommand)
 {
     EXPECT_EQ("--host\n--port\n--unix\n--timeout\n--json\n--help\n--count\n--interval\n",
               szOffered("quorctl ping --"));
@@ -97,13 +109,13 @@ TEST(TheCompletionOfQuorctl, OffersTheOptionsOfTheCommand)
     EXPECT_EQ("--pipeline\n", szOffered("quorctl --unix x bench --pi"));
 }
 
-TEST(TheCompletionOfQuorctl, OffersLevelsBehindTheEqualsSign)
+TEST_F(TheCompletionOfQuorctl, OffersLevelsBehindTheEqualsSign)
 {
     EXPECT_EQ("emerg\nerr\n", szOffered("quorctl log set dispatcher = e"));
     EXPECT_THAT(szOffered("quorctl log set dispatcher ="), HasSubstr("debug\n"));
 }
 
-TEST(TheCompletionOfQuorctl, OffersFiles)
+TEST_F(TheCompletionOfQuorctl, OffersFiles)
 {
     EXPECT_EQ("/dev/null\n", szOffered("quorctl send 1 --file /dev/nul"));
     EXPECT_EQ("@/dev/null\n", szOffered("quorctl config set /db @/dev/nul"));
@@ -115,7 +127,7 @@ TEST(TheCompletionOfQuorctl, OffersFiles)
 }
 
 // What is completed is what there is.
-TEST(TheCompletionOfQuorctl, OffersNothingThatTheHelpDoesNotName)
+TEST_F(TheCompletionOfQuorctl, OffersNothingThatTheHelpDoesNotName)
 {
     for (const std::string szCommand : {"ping", "config", "send", "monitor", "bench"}) {
         const std::string szHelp =
