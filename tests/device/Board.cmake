@@ -1,0 +1,31 @@
+# Cross-built tests run on an emulated board: one boot for all of them, started by the first that is
+# asked for and ended after the last.
+set(board_program ${CMAKE_CURRENT_LIST_DIR}/board.py)
+set(board_state ${PROJECT_BINARY_DIR}/board)
+
+add_test(NAME ABoard.Boots COMMAND ${PROJECT_SOURCE_DIR}/scripts/device --start ${board_state})
+add_test(NAME ABoard.IsSwitchedOff COMMAND ${board_program} stop ${board_state})
+set_tests_properties(ABoard.Boots PROPERTIES FIXTURES_SETUP board LABELS device TIMEOUT 300)
+set_tests_properties(ABoard.IsSwitchedOff PROPERTIES FIXTURES_CLEANUP board LABELS device TIMEOUT 60)
+
+# A GoogleTest program becomes one test and one process, so that a board does not start two thousand
+# of them. These have cases that want a process of their own: they look at all that a program has in
+# the syslog, or for what it does at its very first step.
+set(board_case_by_case CThreadATTest CThreadSerialTest HelloDaemonTest QuorctlDaemonTest SupportTest)
+
+# What is named BoardTest drives the board's hardware, or sets its clock: alone.
+function(quorcore_run_on_board name)
+    set(limit_s 300)
+    set(each_case)
+    if(name IN_LIST board_case_by_case)
+        set(each_case ${PROJECT_SOURCE_DIR}/tests/device/each-case)
+    endif()
+    add_test(NAME ${name} COMMAND ${board_program} run --limit ${limit_s} ${board_state} ${each_case}
+                                  $<TARGET_FILE:${name}>)
+    math(EXPR ctest_limit_s "${limit_s} + 30")
+    set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED board LABELS device
+                                            TIMEOUT ${ctest_limit_s})
+    if(name MATCHES "BoardTest$")
+        set_tests_properties(${name} PROPERTIES RUN_SERIAL ON)
+    endif()
+endfunction()
