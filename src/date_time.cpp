@@ -4,6 +4,7 @@
 
 #include "libQuorCore/CThread.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace QuorCore
@@ -98,8 +99,16 @@ bool bReadDateTime(const char* szText, bool bLocal, time_t& time)
     if (!bParse(szText, bLocal ? kLocalForm : kUtcForm, fields)) {
         return false;
     }
-    const long lDistance = bLocal ? fields.tm_gmtoff : 0; // timegm() resets it
-    time = ::timegm(&fields) - lDistance;
+    if (bLocal) {
+        fields.tm_sec -= static_cast<int>(fields.tm_gmtoff); // timegm() takes any number of seconds
+    }
+    errno = 0;
+    const time_t iTime = ::timegm(&fields);
+    if (iTime == -1 && errno == EOVERFLOW) { // a time_t of 32 bits ends in January 2038
+        QUORCORE_LOG(LOG_ERR, "strptime() failed");
+        return false;
+    }
+    time = iTime;
     return true;
 }
 
