@@ -5,7 +5,6 @@
 
 #include "libQuorCore/CThread.h"
 
-#include <algorithm>
 #include <cerrno>
 
 namespace QuorCore
@@ -13,8 +12,22 @@ namespace QuorCore
 namespace
 {
 constexpr long kSpinPauseMs = 10;        // between two attempts on a spin lock
-constexpr int64_t kSliceMs = 1000;       // longest wait on the real-time clock at a stretch
 constexpr const char* kMutex = "CMutex"; // function name of every line that CMutex logs
+
+/// Takes the mutex on the monotonic clock: pthread_mutex_timedlock(3) counts on the real-time
+/// clock, which the network sets, and set back by an hour it makes the wait an hour longer. Held by
+/// AJumpOfTheClock.NeitherEndsNorStretchesTheWaitForALock.
+/// @return 0, ETIMEDOUT or another error number.
+int iLockWithin(pthread_mutex_t& mutex, long iMs)
+{
+#ifdef QUORCORE_TSAN // it does not know pthread_mutex_clocklock(3)
+    const timespec limit = After(Now(CLOCK_REALTIME), iMs);
+    return pthread_mutex_timedlock(&mutex, &limit);
+#else
+    const CDeadline deadline(iMs);
+    return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline.Limit());
+#endif
+}
 } // namespace
 
 CRecursiveLock::CRecursiveLock()
@@ -41,15 +54,7 @@ int CRecursiveLock::iTryLock(long iMs)
     if (iMs < 1) {
         iReturn = pthread_mutex_trylock(&m_hMutex);
     } else {
-        // pthread_mutex_timedlock(3) counts on the real-time clock, which the network sets: a short
-        // slice bounds what such a jump can do, and the monotonic clock tells when to give up.
-        const CDeadline deadline(iMs);
-        int64_t iLeftMs = iMs;
-        do {
-            const timespec slice = After(Now(CLOCK_REALTIME), std::min(iLeftMs, kSliceMs));
-            iReturn = pthread_mutex_timedlock(&m_hMutex, &slice);
-            iLeftMs = deadline.iLeftMs();
-        } while (iReturn == ETIMEDOUT && iLeftMs > 0);
+        iReturn = iLockWithin(m_hMutex, iMs);
     }
     if (iReturn != 0) {
         QUORCORE_LOG(LOG_INFO, "%s: CRecursiveLock::iTryLock(), iReturn=%d\n", __PRETTY_FUNCTION__,

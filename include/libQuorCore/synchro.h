@@ -43,7 +43,7 @@ public:
     /**
      * @brief Takes the lock within a time; a failure is logged at level 6.
      * @param iMs  Longest wait in ms; below 1 a single attempt. Measured on the monotonic clock,
-     *             so that a clock that is set meanwhile does not end the wait.
+     *             so that a clock that is set meanwhile neither ends nor stretches the wait.
      * @return 0 when taken, EBUSY (no wait asked for), ETIMEDOUT, or another error number.
      */
     int iTryLock(long iMs);
