@@ -56,7 +56,7 @@ std::string CBoard::szWhyNot()
     const char* const szDevice = std::getenv("QUORCORE_DEVICE");
     return szDevice != nullptr && std::string(szDevice) == "1"
                ? ""
-               : "no GPIO and no LED here: QUORCORE_DEVICE is not set, see tests/device/README.md";
+               : "no board here: QUORCORE_DEVICE is not set, see tests/device/README.md";
 }
 
 int CBoard::iGpio(int iLine) const
@@ -74,13 +74,24 @@ std::string CBoard::szGpioLed() const
     return szLedDirectory("QUORCORE_LED_GPIO");
 }
 
+std::string CBoard::szLoopSerial() const
+{
+    return szVariable("QUORCORE_SERIAL_LOOP");
+}
+
+std::string CBoard::szUsbSerial() const
+{
+    return szVariable("QUORCORE_SERIAL_USB");
+}
+
 void CBoard::SetInput(int iLine, bool bHigh)
 {
-    const std::string szRequest = "set " + std::to_string(iLine) + (bHigh ? " 1" : " 0");
-    const std::string szAnswer = szAsk(szRequest);
-    if (szAnswer != "ok") {
-        throw std::runtime_error("the board answered \"" + szRequest + "\" by: " + szAnswer);
-    }
+    Do("set " + std::to_string(iLine) + (bHigh ? " 1" : " 0"));
+}
+
+void CBoard::PlugUsbSerial(bool bIn)
+{
+    Do(bIn ? "plug" : "unplug");
 }
 
 bool CBoard::bOutput(int iLine)
@@ -92,6 +103,14 @@ bool CBoard::bOutput(int iLine)
 bool CBoard::bDirectLedLit()
 {
     return bLevel("led", szAsk("led"));
+}
+
+void CBoard::Do(const std::string& szRequest)
+{
+    const std::string szAnswer = szAsk(szRequest);
+    if (szAnswer != "ok") {
+        throw std::runtime_error("the board answered \"" + szRequest + "\" by: " + szAnswer);
+    }
 }
 
 std::string CBoard::szAsk(const std::string& szRequest)

@@ -32,11 +32,19 @@ public:
     std::string szDirectLed() const; ///< Directory of the LED that can be dimmed, with a "/".
     std::string szGpioLed() const;   ///< Directory of the LED on a line, with a "/".
 
+    std::string szLoopSerial() const; ///< Device of the UART that can loop back.
+    std::string szUsbSerial() const;  ///< Device of the USB adapter, while it is plugged in.
+
     void SetInput(int iLine, bool bHigh); ///< Sets the level of an input line from outside.
     bool bOutput(int iLine);              ///< @return The level of an output, seen from outside.
     bool bDirectLedLit();                 ///< @return Whether it is lit, seen from outside.
 
+    /// Plugs the USB serial adapter in, or pulls it; the kernel notices a moment later. What is
+    /// sent to it comes back.
+    void PlugUsbSerial(bool bIn);
+
 private:
+    void Do(const std::string& szRequest);
     std::string szAsk(const std::string& szRequest);
     void Open();
     std::string szReadLine();
