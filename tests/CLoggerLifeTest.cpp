@@ -289,9 +289,10 @@ int iCancelThreadsThatLog(void (*pBody)(std::atomic<int>&), int nThreads)
 
 constexpr int kCancelLimitMs = 4 * kAwaitLimitMs;
 
-#ifdef __SANITIZE_THREAD__
-// It gives each function something to clean up, so that a cancellation at any instruction ends the
-// process: in the test's functions, too.
+#if defined(__SANITIZE_THREAD__) || defined(__arm__)
+// The thread sanitizer gives each function something to clean up, so that a cancellation at any
+// instruction ends the process: in the test's functions, too. The unwind tables of 32-bit ARM are
+// exact at calls only: what is cancelled elsewhere may be unwound by whatever its registers hold.
 constexpr bool bCancelsAtAnyInstruction = false;
 #else
 constexpr bool bCancelsAtAnyInstruction = true;
@@ -300,7 +301,7 @@ constexpr bool bCancelsAtAnyInstruction = true;
 TEST_F(ALogger, SurvivesTheCancellationOfThreadsThatLog)
 {
     if (!bCancelsAtAnyInstruction) {
-        GTEST_SKIP() << "not under the thread sanitizer";
+        GTEST_SKIP() << "neither under the thread sanitizer nor on 32-bit ARM";
     }
     const ChildResult result = RunInChild(
         [] {
@@ -321,7 +322,7 @@ TEST_F(ALogger, SurvivesTheCancellationOfThreadsThatLog)
 TEST_F(ALogger, SurvivesTheCancellationOfThreadsThatDump)
 {
     if (!bCancelsAtAnyInstruction) {
-        GTEST_SKIP() << "not under the thread sanitizer";
+        GTEST_SKIP() << "neither under the thread sanitizer nor on 32-bit ARM";
     }
     const ChildResult result = RunInChild(
         [] {

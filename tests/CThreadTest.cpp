@@ -766,7 +766,7 @@ TEST_F(AThread, IsGoneWhereverInItsFirstStepsItIsCancelled)
         GTEST_SKIP() << kNoCancelReason;
     }
     m_Thread.m_body = lPauseForEver;
-    for (int i = 0; i < 50; ++i) {
+    for (int i = 0; i < 20; ++i) {
         Start();
         const CStopwatch time;
         ASSERT_EQ(0, m_Thread.iStop(true, true));
@@ -1211,6 +1211,9 @@ TEST_F(AThread, IsCancelledAtAnyInstructionOfItsLife)
     if (kSanitized) {
         GTEST_SKIP() << kNoCancelReason;
     }
+#ifdef __arm__
+    GTEST_SKIP() << "32-bit ARM can be unwound at calls only";
+#endif
     const ChildResult result = RunInChild([] { // where std::terminate() would end only this
         CThread::m_Logger.Init("CThreadTest");
         for (int i = 0; i < nRounds(5000); ++i) {

@@ -8,8 +8,12 @@
 namespace TestSupport
 {
 /// Limit in ms for what must happen. Paid only by a test that fails, so it is generous: sixteen
-/// sanitized tests may share two processors.
+/// sanitized tests may share two processors, and those of ARM may be emulated.
+#if defined(__arm__) || defined(__aarch64__)
+constexpr int kAwaitLimitMs = 60000;
+#else
 constexpr int kAwaitLimitMs = 20000;
+#endif
 
 /// @brief A moment on the monotonic clock by which something must have happened.
 class CDeadline
