@@ -2,11 +2,24 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <poll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 namespace QuorCore
 {
+namespace
+{
+/// Tells whether a read would wait for ever: the timer is off, and has nothing to tell.
+bool bSilent(int iFd)
+{
+    itimerspec left = {};
+    pollfd expiry{iFd, POLLIN, 0};
+    return timerfd_gettime(iFd, &left) == 0 && left.it_value.tv_sec == 0 &&
+           left.it_value.tv_nsec == 0 && poll(&expiry, 1, 0) == 0;
+}
+} // namespace
+
 CEventTimer::~CEventTimer()
 {
     close(m_iFd);
@@ -29,7 +42,7 @@ bool CEventTimer::bIsReady(CTimerManager& mgr) const
 {
     uint64_t iExpirations = 0;
     ssize_t lRead = -1;
-    if (mgr.IsReady(m_iFd)) {
+    if (mgr.IsReady(m_iFd) && !bSilent(m_iFd)) {
         do {
             lRead = read(m_iFd, &iExpirations, sizeof(iExpirations));
         } while (lRead == -1 && errno == EINTR);

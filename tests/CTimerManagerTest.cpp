@@ -5,12 +5,14 @@
 
 #include "support/CChild.h"
 #include "support/CSyslogReceiver.h"
+#include "support/Files.h"
 #include "support/ProcessFacts.h"
 #include "support/Sanitized.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
@@ -73,6 +75,14 @@ protected:
         return iFd;
     }
 
+    static void RaiseDescriptorLimit()
+    {
+        rlimit many = {};
+        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &many));
+        many.rlim_cur = std::min<rlim_t>(many.rlim_max, 2000);
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &many));
+    }
+
     COpenManager m_Manager;
     std::vector<int> m_fds;
     int m_nReady = -1;
@@ -96,6 +106,12 @@ TEST(ATimeInMs, IsSecondsAndNanoseconds)
     EXPECT_EQ(1, time.tv_sec);
     EXPECT_EQ(500000000, time.tv_nsec);
     EXPECT_EQ(0, ConvertMillisecondToTimeval(0).tv_nsec);
+    const timespec longest = ConvertMillisecondToTimeval(INT_MAX);
+    EXPECT_EQ(2147483, longest.tv_sec);
+    EXPECT_EQ(647000000, longest.tv_nsec);
+    const timespec before = ConvertMillisecondToTimeval(-1500);
+    EXPECT_EQ(-1, before.tv_sec);
+    EXPECT_EQ(-500000000, before.tv_nsec);
 }
 
 TEST_F(ATimerManager, FindsNothingReadyBeforeItsFirstWait)
@@ -126,6 +142,29 @@ TEST_F(ATimerManager, WaitsForTheTimerThatFiresFirst)
     EXPECT_TRUE(m_Manager.IsReady(iFast));
     EXPECT_FALSE(m_Manager.IsReady(iSlow));
     EXPECT_EQ(FD_CLOEXEC, fcntl(iFast, F_GETFD));
+}
+
+TEST_F(ATimerManager, CountsOnAClockThatNobodySets)
+{
+    const std::string szFacts = szReadFile("/proc/self/fdinfo/" + std::to_string(iCreate(60000)));
+    EXPECT_NE(std::string::npos, szFacts.find("clockid: " + std::to_string(CLOCK_MONOTONIC) + "\n"))
+        << szFacts;
+}
+
+TEST_F(ATimerManager, WaitsForHundredsOfTimersAtOnce)
+{
+    RaiseDescriptorLimit();
+    int iFast = -1;
+    while (iFast < FD_SETSIZE - 1) { // up to the last that the mask can name
+        iFast = iCreate(60000);
+    }
+    const itimerspec soon = AfterMs(20);
+    ASSERT_EQ(0, timerfd_settime(iFast, 0, &soon, nullptr));
+    EXPECT_EQ(0, m_Manager.iSelect(kAmpleMs, &m_nReady));
+    EXPECT_EQ(1, m_nReady);
+    for (const int iFd : m_fds) {
+        EXPECT_EQ(iFd == iFast, m_Manager.IsReady(iFd)) << iFd;
+    }
 }
 
 TEST_F(ATimerManager, WaitsNoLongerForWhatWasRemoved)
@@ -202,10 +241,7 @@ TEST_F(ATimerManager, ReportsThatThereAreNoDescriptors)
 
 TEST_F(ATimerManager, LeavesOutDescriptorsThatTheMaskCannotName)
 {
-    rlimit many = {};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &many));
-    many.rlim_cur = std::min<rlim_t>(many.rlim_max, 2000);
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &many));
+    RaiseDescriptorLimit();
     const int iHigh = fcntl(iCreate(1), F_DUPFD_CLOEXEC, 1024);
     ASSERT_GE(iHigh, 1024);
     m_fds.push_back(iHigh);
@@ -272,6 +308,65 @@ TEST_F(AnEventTimer, WaitsForTheNextExpiryWhenAskedTwice)
     EXPECT_TRUE(m_Timer.bIsReady(m_Manager));
     EXPECT_TRUE(m_Timer.bIsReady(m_Manager));
     EXPECT_GE(Clock::now() - start, milliseconds(1950));
+}
+
+TEST_F(AnEventTimer, IsNotReadyWhenItWasDisarmedAfterTheWait)
+{
+    m_Timer.SetValue(m_Manager, 1, 1);
+    ASSERT_EQ(0, m_Manager.iSelect(kAmpleMs, &m_nReady));
+    m_Timer.SetValue(m_Manager, 0, 0); // by the owner of another timer that was ready, too
+    EXPECT_TRUE(m_Manager.IsReady(m_Timer.iGetFd()));
+    EXPECT_FALSE(m_Timer.bIsReady(m_Manager)); // else for ever
+}
+
+TEST_F(AnEventTimer, ThatFiresOnceIsNotReadyWhenAskedTwice)
+{
+    m_Timer.SetValue(m_Manager, 1, 0);
+    ASSERT_EQ(0, m_Manager.iSelect(kAmpleMs, &m_nReady));
+    EXPECT_TRUE(m_Timer.bIsReady(m_Manager));
+    EXPECT_FALSE(m_Timer.bIsReady(m_Manager)); // else for ever
+}
+
+TEST_F(AnEventTimer, WaitsForTheNextExpiryWhenItWasSetAnewAfterTheWait)
+{
+    m_Timer.SetValue(m_Manager, 1, 0);
+    ASSERT_EQ(0, m_Manager.iSelect(kAmpleMs, &m_nReady));
+    m_Timer.SetValue(m_Manager, 1, 0);
+    const Clock::time_point start = Clock::now();
+    EXPECT_TRUE(m_Timer.bIsReady(m_Manager));
+    EXPECT_GE(Clock::now() - start, milliseconds(950));
+}
+
+TEST_F(AnEventTimer, TakesNoNegativeTime)
+{
+    m_Timer.SetValue(m_Manager, -1, 1);
+    EXPECT_GT(m_Timer.iGetFd(), 0) << "it is created, and not waited for";
+    EXPECT_TRUE(m_Manager.m_fdRead.empty());
+    m_Timer.SetValue(m_Manager, 1, -1);
+    EXPECT_EQ(0, m_Manager.iSelect(0, &m_nReady));
+    EXPECT_FALSE(m_Timer.bIsReady(m_Manager));
+    m_Manager.m_fdRead.insert(m_Timer.iGetFd()); // for the end of the test
+}
+
+TEST_F(AnEventTimer, StaysWithoutADescriptorOnceNoneWasToBeHad)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << "the sanitizers want descriptors of their own";
+    }
+    const ChildResult result = RunInChild([this] {
+        rlimit former = {};
+        getrlimit(RLIMIT_NOFILE, &former);
+        rlimit none = former;
+        none.rlim_cur = 0;
+        setrlimit(RLIMIT_NOFILE, &none);
+        m_Timer.SetValue(m_Manager, 1, 1);
+        setrlimit(RLIMIT_NOFILE, &former);
+        m_Timer.SetValue(m_Manager, 1, 1); // is not tried again
+        return m_Timer.iGetFd() == -1 && m_Manager.m_fdRead.empty() && !m_Timer.bIsReady(m_Manager)
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode);
 }
 
 TEST_F(AnEventTimer, FiresOnceWithoutAnInterval)

@@ -40,7 +40,8 @@ public:
      *
      * To be asked once after each CTimerManager::iSelect(): asked again, it waits for the timer to
      * fire anew. Meant, since the descriptor blocks; held by
-     * AnEventTimer.WaitsForTheNextExpiryWhenAskedTwice.
+     * AnEventTimer.WaitsForTheNextExpiryWhenAskedTwice. A timer that will not, since it was
+     * disarmed in the meantime or fires only once, is not ready.
      */
     bool bIsReady(CTimerManager& mgr) const;
 
