@@ -8,7 +8,9 @@
 
 #include <cerrno>
 #include <gtest/gtest.h>
+#include <string>
 #include <sys/syscall.h>
+#include <syslog.h>
 #include <thread>
 #include <unistd.h>
 
@@ -111,4 +113,8 @@ TEST_F(AChrono, LetsLoopsGoOnWithoutAClock)
     t_clock = REAL;
     EXPECT_TRUE(CSyslogReceiver::Get().bAwait("gettimeofday error: Invalid argument"));
     EXPECT_EQ(2U, CSyslogReceiver::Get().Count("gettimeofday error: Invalid argument"));
+    for (const CSyslogReceiver::Record& record : CSyslogReceiver::Get().Records()) {
+        EXPECT_EQ(LOG_ERR, record.iLevel);
+        EXPECT_NE(std::string::npos, record.szText.find(" -- Chrono / ")) << record.szText;
+    }
 }
