@@ -22,7 +22,7 @@ constexpr int kFlashesMax = 40000; // a megabyte; the kernel takes a page
 /// Reads the first character of a file. @return Whether it could be opened.
 bool bReadFirst(const std::string& szPath, std::string& szFirst)
 {
-    const CUniqueFd file(open(szPath.c_str(), O_RDONLY | O_CLOEXEC));
+    const CUniqueFd file(open(szPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     szFirst.clear();
     if (!file) {
         return false;

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
 #include <type_traits>
 #include <vector>
 
@@ -210,6 +211,29 @@ TEST_F(ALedOverFiles, TogglesNothingThatItCannotRead)
 {
     m_Led.ToggleBrightness();
     EXPECT_EQ(journal_t(), m_Journal.Take());
+}
+
+TEST_F(ALedOverFiles, DoesNotWaitForAPipeInAFilesPlace)
+{
+    for (const char* szFile : {"trigger", "brightness", "delay_on", "delay_off", "pattern"}) {
+        ASSERT_EQ(0, mkfifo((m_szDirectory + szFile).c_str(), 0600));
+    }
+    const ChildResult result = RunInChild([this] { // where it can be ended if it does
+        m_Led.SetBlinking(1, 1);
+        m_Led.SetFlashing(1);
+        m_Led.SetBrightness(1, true);
+        m_Led.ToggleBrightness();
+        return m_Led.szGetValue("trigger").empty() && m_Led.iGetBrightness() == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode);
+}
+
+TEST_F(ALedOverFiles, ReadsNothingOfADirectoryInAFilesPlace)
+{
+    std::filesystem::create_directory(m_szDirectory + "brightness");
+    EXPECT_EQ("", m_Led.szGetValue("brightness"));
+    EXPECT_EQ(-1, m_Led.iGetValue("brightness"));
+    EXPECT_EQ(0, m_Led.iGetBrightness()); // can be opened, as an empty file can
 }
 
 TEST_F(ALedOverFiles, LeavesNoDescriptorOpen)

@@ -13,8 +13,10 @@ constexpr mode_t kNewFileMode = 0666; // as fopen(3); less the umask
 
 CUniqueFd OpenAttribute(const std::string& szPath, eWriteMode mode)
 {
-    const int iFlags = mode == eWriteMode::APPEND ? O_APPEND : O_TRUNC;
-    return CUniqueFd(open(szPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | iFlags, kNewFileMode));
+    // Without O_NONBLOCK a pipe in the file's place would be waited for until somebody reads it.
+    const int iFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK |
+                       (mode == eWriteMode::APPEND ? O_APPEND : O_TRUNC);
+    return CUniqueFd(open(szPath.c_str(), iFlags, kNewFileMode));
 }
 
 void WriteAttribute(const CUniqueFd& file, const std::string& szText)

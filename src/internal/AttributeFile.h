@@ -11,7 +11,7 @@ namespace QuorCore
 /// What becomes of the content that is there.
 enum class eWriteMode { TRUNCATE, APPEND };
 
-/// @brief Opens a file as fopen(3) with "w" or "a", close-on-exec.
+/// @brief Opens a file as fopen(3) with "w" or "a", close-on-exec, and never waits for it.
 /// @return Empty when that failed, with errno.
 CUniqueFd OpenAttribute(const std::string& szPath, eWriteMode mode);
 
