@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <limits>
+#include <locale>
 #include <ostream>
 #include <poll.h>
 #include <sstream>
@@ -64,10 +65,19 @@ std::istream& ReadText(std::istream& stream, const text_t (&texts)[kTexts], Enum
     return stream;
 }
 
+/// A stream for the kernel's texts: digits without the separators that the user's language has.
+template <class Stream>
+Stream TextStream(const std::string& szText = "")
+{
+    Stream stream(szText);
+    stream.imbue(std::locale::classic());
+    return stream;
+}
+
 template <class T>
 std::string szTextOf(T value)
 {
-    std::ostringstream stream;
+    auto stream = TextStream<std::ostringstream>();
     stream << value;
     return stream.str();
 }
@@ -229,7 +239,7 @@ T CGpio::readGpioFile(EFile file) const
                      static_cast<int>(file));
         return value;
     }
-    std::istringstream(szText) >> value; // up to a zero byte, if there is one
+    TextStream<std::istringstream>(szText) >> value; // up to a zero byte, if there is one
     return value;
 }
 
@@ -386,7 +396,7 @@ std::string CGpio::toString() const
     if (!exported) {
         return "";
     }
-    std::ostringstream text;
+    auto text = TextStream<std::ostringstream>();
     text << "CGpio " << number << "(" << path << ") < " << getDirection() << ", " << getValue()
          << ", " << getEdge() << ", "
          << "a_l" << (getActiveLow() ? "enabled" : "disabled") << " >";

@@ -18,8 +18,10 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <locale>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
@@ -395,6 +397,32 @@ TEST_F(AGpioOverFiles, DoesNotTakeThePlaceOfTheStandardInput)
         Logged());
 }
 
+TEST_F(AGpioOverFiles, DoesNotWaitForAPipeInAFilesPlace)
+{
+    for (const std::string& szFile : {m_SysClass.szMakeDirectory("gpio") + "export",
+                                      m_SysClass.szMakeDirectory("gpio") + "unexport",
+                                      m_SysClass.szMakeDirectory("gpio/gpio42") + "value"}) {
+        ASSERT_EQ(0, mkfifo(szFile.c_str(), 0600));
+    }
+    const ChildResult result = RunInChild([this] { // where it can be ended if it does
+        const bool bExported = m_Gpio.bExport();
+        m_Gpio.UnExport();
+        m_Gpio.init(CGpio::IN, false, CGpio::NONE);
+        return !bExported && m_Gpio.getValue() == 0 && !m_Gpio.bWait4Edge(10, nullptr) ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode);
+    EXPECT_EQ(2U, CSyslogReceiver::Get().Count(
+                      "lseek error(readGpioFile /sys/class/gpio/gpio42/): Illegal seek"));
+}
+
+TEST_F(AGpioOverFiles, OpensNoDirectoryInAFilesPlace)
+{
+    m_SysClass.szMakeDirectory("gpio/gpio42/value");
+    EXPECT_EQ(-1, m_Gpio.openFile(CGpio::VALUE));
+    EXPECT_EQ(journal_t{"3 could not open GPIO file /sys/class/gpio/gpio42/value : Is a directory"},
+              Logged());
+}
+
 TEST_F(AGpioOverFiles, OpensOnlyFilesThatItHas)
 {
     EXPECT_EQ(-1, m_Gpio.openFile(CGpio::MAX_FD));
@@ -549,6 +577,15 @@ TEST_F(AnInputOverFiles, LendsADescriptor)
     EXPECT_STREQ("in\n", aText);
 }
 
+TEST_F(AnInputOverFiles, LendsNothingInThePlaceOfTheStandardInput)
+{
+    const ChildResult result = RunInChild([this] {
+        close(STDIN_FILENO);
+        return m_Gpio.getFd(CGpio::VALUE) > 0 && fcntl(STDIN_FILENO, F_GETFD) == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode);
+}
+
 TEST_F(AnInputOverFiles, LendsNothingThatItHasNot)
 {
     close(std::exchange(m_Gpio.fdTable[CGpio::EDGE], -1));
@@ -575,6 +612,22 @@ TEST_F(AnInputOverFiles, IsWaitedForUpToALimit)
     EXPECT_LE(std::chrono::milliseconds(30), std::chrono::steady_clock::now() - begin);
     EXPECT_EQ(7, iValue);
     EXPECT_EQ(journal_t{"7 timeout happened"}, Logged());
+}
+
+// The list of mounts has events as the file of a line has; it does not begin with a number.
+TEST_F(AnInputOverFiles, TellsWhatAnEventHasBrought)
+{
+    close(m_Gpio.fdTable[CGpio::VALUE]);
+    m_Gpio.fdTable[CGpio::VALUE] = open("/proc/self/mounts", O_RDONLY | O_CLOEXEC);
+    const auto makeEvent = [] { const CSysClass mounted; };
+    int iValue = 7;
+    makeEvent();
+    EXPECT_FALSE(m_Gpio.bWait4Edge(kAwaitLimitMs, &iValue));
+    EXPECT_EQ(0, iValue);
+    EXPECT_EQ(journal_t{"6 POLLPRI | POLLIN interruption / the current value is 0"}, Logged());
+    makeEvent();
+    EXPECT_FALSE(m_Gpio.bWait4Edge(kAwaitLimitMs, nullptr));
+    EXPECT_EQ(journal_t(), Logged()) << "nobody wants to know the value";
 }
 
 TEST_F(AnInputOverFiles, OpensItsValueForAWaitAgain)
@@ -629,6 +682,24 @@ TEST_F(AnOutputOverFiles, IsSetInDecimal)
     EXPECT_EQ((journal_t{"7 GPIO /sys/class/gpio/gpio42/ set to: 1",
                          "7 GPIO /sys/class/gpio/gpio42/ set to: -12"}),
               Logged());
+}
+
+/// Writes numbers as people of some countries do.
+struct grouping_t : std::numpunct<char> {
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+TEST_F(AnOutputOverFiles, IsSetInDecimalWhateverTheLanguage)
+{
+    const std::locale former =
+        std::locale::global(std::locale(std::locale::classic(), new grouping_t));
+    m_Gpio.setValue(1234);
+    EXPECT_EQ("1234\0"s, szContent("value"));
+    EXPECT_EQ(1234, m_Gpio.getValue());
+    EXPECT_EQ("CGpio 42(/sys/class/gpio/gpio42/) < out, 1234, none, a_ldisabled >",
+              m_Gpio.toString());
+    std::locale::global(former);
 }
 
 TEST_F(AnOutputOverFiles, IsAssigned)
