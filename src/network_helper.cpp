@@ -20,6 +20,7 @@
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace QuorCore
 {
@@ -228,6 +229,19 @@ bool bFindAddress(const char* interface, std::string* address, std::string* netm
     return bFound;
 }
 
+/// Reads a pipe to its end, which no signal makes come early.
+std::string szReadAll(int iFd)
+{
+    std::string szAll;
+    char szPiece[128];
+    ssize_t lRead = 0;
+    do {
+        lRead = read(iFd, szPiece, sizeof(szPiece));
+        szAll.append(szPiece, static_cast<size_t>(std::max<ssize_t>(lRead, 0)));
+    } while (lRead > 0 || (lRead < 0 && errno == EINTR));
+    return szAll;
+}
+
 /// Closes what popen(3) has opened, with the wait for its program.
 struct closePipe_t {
     void operator()(FILE* pPipe) const
@@ -368,12 +382,7 @@ int iGetDns(std::string* dns1, std::string* dns2)
               "/run/dnsmasq/resolv.conf",
               "re"));
     if (pPipe != nullptr) {
-        std::string szOutput;
-        char szPiece[128];
-        while (std::fgets(szPiece, sizeof(szPiece), pPipe.get()) != nullptr) {
-            szOutput += szPiece;
-        }
-        std::istringstream(szOutput) >> szFirst >> szSecond;
+        std::istringstream(szReadAll(fileno(pPipe.get()))) >> szFirst >> szSecond;
     }
     if (dns1 != nullptr) {
         *dns1 = szFirst;

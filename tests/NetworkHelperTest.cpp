@@ -99,6 +99,24 @@ TEST_F(ANetworkHelper, SaysThatThereIsNoSocketToBeHad)
     EXPECT_EQ("Could not get socket.\n", result.szErrors); // only who asks for one is told
 }
 
+TEST_F(ANetworkHelper, SaysAllThatFailsWithoutASocket)
+{
+    const ChildResult result = RunInChild([] {
+        const rlimit none = {0, 0};
+        setrlimit(RLIMIT_NOFILE, &none);
+        char szInterface[] = "lo";
+        char szAddress[] = "127.0.0.1";
+        const bool bAll = iSetIp(szInterface, szAddress, szAddress) == -1 &&
+                          iFindNetworkInterface(szInterface, nullptr, nullptr, nullptr, 0) == -1;
+        return bAll ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode);
+    EXPECT_EQ("Could not get socket.\nioctl: SIOCGIFFLAGS\nioctl: SIOCSIFFLAGS\n"
+              "Cannot set IP address. lo: Bad file descriptor\n"
+              "getifaddrs: Too many open files\n",
+              result.szErrors);
+}
+
 TEST_F(ANetworkHelper, TakesAPointerForTheNumberOfARequest)
 {
     const CUniqueFd socket(create_socket());
@@ -136,19 +154,45 @@ TEST_F(ANetworkHelper, SetsNothingWithoutAName)
 }
 
 /// Names that no interface has, or that the shell, awk(1) or a tool would not take for a name.
-const std::vector<std::string> kNoNames = {"",      ".",     "..",         "sixteen_is_a_lot",
-                                           "a b",   "a/b",   "eth0:1",     "-r",
-                                           "a;id",  "a&id",  "a|id",       "$(id)",
-                                           "`id`",  "$HOME", "a>b",        "a<b",
-                                           "a'b",   "a\"b",  "a\\b",       "a\nid",
-                                           "a\tb",  "a*",    "a?",         "[a]",
-                                           "eth%d", "{a}",   "(a)",        "~root",
-                                           "#a",    "!a",    "caf\xC3\xA9"};
+const std::vector<std::string> kNoNames = {"",       ".",     "..",          "sixteen_is_a_lot",
+                                           "a b",    "a/b",   "eth0:1",      "-r",
+                                           "a;id",   "a&id",  "a|id",        "$(id)",
+                                           "`id`",   "$HOME", "a>b",         "a<b",
+                                           "a'b",    "a\"b",  "a\\b",        "a\nid",
+                                           "a\tb",   "a*",    "a?",          "[a]",
+                                           "eth%d",  "{a}",   "(a)",         "~root",
+                                           "#a",     "!a",    "caf\xC3\xA9", "eth0\n",
+                                           "eth0 ",  " eth0", "\neth0",      "a\rb",
+                                           "eth0%1", "a\x7F"};
 
-const std::vector<std::string> kNoAddresses = {
-    "10.77.0",      "10.77.0.256",   "10.77.0.5/24",  "10.77.0.5 ",    "10.77.0.5;id",
-    "fd77::5%dev0", "fd77::5::1",    "localhost",     "10.77.0.5\nid", "$(id)",
-    "-4",           "10.77.0.5 dev", "10.77.0.5`id`", "::1'",          "0x0a4d0005"};
+const std::vector<std::string> kNoAddresses = {"10.77.0",
+                                               "10.77.0.256",
+                                               "10.77.0.5/24",
+                                               "10.77.0.5 ",
+                                               "10.77.0.5;id",
+                                               "fd77::5%dev0",
+                                               "fd77::5::1",
+                                               "localhost",
+                                               "10.77.0.5\nid",
+                                               "$(id)",
+                                               "-4",
+                                               "10.77.0.5 dev",
+                                               "10.77.0.5`id`",
+                                               "::1'",
+                                               "0x0a4d0005",
+                                               "010.77.0.5",
+                                               "10.77.0.05",
+                                               "10.77.0.5\n",
+                                               "\n10.77.0.5",
+                                               " 10.77.0.5",
+                                               "10.77.0.5\t",
+                                               "fe80::1%eth0",
+                                               "fe80::1 ",
+                                               "[::1]",
+                                               "10.77.0.5,10.77.0.6",
+                                               "1.2.3.4.5",
+                                               "1:2:3:4:5:6:7:8:9",
+                                               "::ffff:10.77.0.256"};
 
 TEST_F(ANetworkHelper, RefusesWhatIsNoInterface)
 {
@@ -189,6 +233,15 @@ TEST_F(ANetworkHelper, RefusesWhatIsNoAddress)
               szRefusal([] { return iSetStaticIp("dev0", "", "", "", false); }));
     EXPECT_EQ("refused, not an address: \"(null)\"\n",
               szRefusal([] { return iSetStaticIp("dev0", nullptr, nullptr, nullptr, false); }));
+}
+
+TEST_F(ANetworkHelper, HasNamesUpToAZeroByte)
+{
+    const std::string szName("lo\0;id", 6); // what a C string is: the rest is nobody's
+    std::string szAddress;
+    EXPECT_EQ(0, iGetIp(szName.c_str(), &szAddress, nullptr, false, 0));
+    EXPECT_EQ("127.0.0.1", szAddress);
+    EXPECT_EQ(24, iConvertNetmaskIp(std::string("255.255.255.0\0.5", 16), false));
 }
 
 TEST_F(ANetworkHelper, ShowsNoMoreOfARefusedArgumentThanALineTakes)

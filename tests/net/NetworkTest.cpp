@@ -6,6 +6,7 @@
 #include "support/CLogLevel.h"
 #include "support/CNetLab.h"
 #include "support/CSyslogReceiver.h"
+#include "support/CTempDirectory.h"
 #include "support/Files.h"
 #include "support/ProcessFacts.h"
 
@@ -14,12 +15,14 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <vector>
 
@@ -292,6 +295,21 @@ TEST_F(ANetwork, ReadsAnAddress)
     EXPECT_EQ("255.255.240.0", szNetmask);
 }
 
+TEST_F(ANetwork, KnowsALongNameByItsFirstCharacters)
+{
+    Ip({"link", "set", "dev", "dev0", "name", "fifteen_letters"});
+    Ip({"link", "set", "fifteen_letters", "address", "02:0a:bc:00:7f:ff"});
+    char szInterface[] = "fifteen_letters_and_more";
+    char szAddress[] = "10.77.0.5";
+    EXPECT_EQ(0, iSetIp(szInterface, szAddress, nullptr));
+    std::string szRead;
+    EXPECT_EQ(0, iGetIp(szInterface, &szRead, nullptr, false, 0));
+    EXPECT_EQ("10.77.0.5", szRead);
+    EXPECT_STREQ("Mac : 02:0a:bc:00:7f:ff\n", szGetMacAddress(szInterface, szRead));
+    EXPECT_EQ(-1, iStartDhcp(szInterface, true)); // but not for the tools, which refuse it
+    EXPECT_EQ(commands_t(), Commands());
+}
+
 TEST_F(ANetwork, ReadsNoAddressWhereThereIsNone)
 {
     const size_t nBefore = nOpenDescriptors();
@@ -345,6 +363,29 @@ TEST_F(ANetwork, ReadsFewerNameServersThanTwo)
     EXPECT_EQ(0, iGetDns(&szFirst, &szSecond));
     EXPECT_EQ("", szFirst);
     EXPECT_EQ("", szSecond);
+}
+
+TEST_F(ANetwork, ReadsNameServersWhateverSignalsCome)
+{
+    WriteFile(kResolver, "nameserver 10.77.0.53\nnameserver 10.77.0.54\n");
+    const CTempDirectory directory;
+    const std::string szSlow = directory.szPath("awk");
+    WriteFile(szSlow, "#!/bin/sh\nsleep 0.3\nexec /usr/bin/awk \"$@\"\n");
+    std::filesystem::permissions(szSlow, std::filesystem::perms::owner_all);
+    const std::string szPath = directory.szPath() + ":/usr/bin:/bin";
+    const ChildResult result = RunInChild([&] {
+        setenv("PATH", szPath.c_str(), 1);
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGALRM, &action, nullptr); // without SA_RESTART
+        const itimerval often = {{0, 20000}, {0, 20000}};
+        setitimer(ITIMER_REAL, &often, nullptr);
+        std::string szFirst;
+        std::string szSecond;
+        const bool bRead = iGetDns(&szFirst, &szSecond) == 0;
+        return bRead && szFirst == "10.77.0.53" && szSecond == "10.77.0.54" ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode);
 }
 
 TEST_F(ANetwork, ReadsANameServerLongerThanItsBuffer)
