@@ -7,7 +7,8 @@ using namespace QuorCore;
 namespace
 {
 constexpr int kWaitSliceMs = 200; // so that a stop is noticed
-constexpr int kHeldPauseMs = 20;  // between two looks at a button that is held; hides its bouncing
+constexpr int kPauseMs = 20; // between two looks; hides bouncing, and spares the processor when a
+                             // line has gone and its wait ends at once
 } // namespace
 
 void CButton::Configure(int iLine, bool bActiveLow)
@@ -29,14 +30,13 @@ long CButton::iRunThread()
     iPostMessage(EVT_NETD_BUTTON, 0, 0, nullptr, 0, 0); // there is one, and it is up
     bool bWasDown = false;
     while (m_bRun) {
-        const bool bDown = line.bWait4Edge(kWaitSliceMs, nullptr); // at once while it is held
+        // Only a press is worth a wait: one for a release would end late, and hide the next press.
+        const bool bDown = bWasDown ? line.getValue() == 1 : line.bWait4Edge(kWaitSliceMs, nullptr);
         if (bDown != bWasDown) {
             bWasDown = bDown;
             iPostMessage(EVT_NETD_BUTTON, bDown ? 1 : 0, 0, nullptr, 0, 0);
         }
-        if (bDown) {
-            Sleep(kHeldPauseMs);
-        }
+        Sleep(kPauseMs);
     }
     return 0;
 }

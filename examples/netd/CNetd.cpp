@@ -15,6 +15,12 @@ namespace
 {
 constexpr int kDefaultPort = 5560;
 constexpr long kDataBytesMax = 4096; // of a frame that a peer sends us
+
+/// Tells a name from a way to somewhere else.
+bool bNamesAFile(const std::string& szName)
+{
+    return szName.find('/') == std::string::npos && szName != "." && szName != "..";
+}
 } // namespace
 
 CNetd::CNetd(int argc, char** argv) : CDaemon(argc, argv) {}
@@ -85,6 +91,10 @@ void CNetd::FindLed()
     const std::string szName = m_FileConfig.szGetParameter("led", "");
     if (szName.empty()) {
         QUORCORE_LOG(LOG_NOTICE, "no led is configured: nothing is shown");
+        return;
+    }
+    if (!bNamesAFile(szName)) {
+        QUORCORE_LOG(LOG_WARNING, "led=%s is not a name: nothing is shown", szName.c_str());
         return;
     }
     m_pLed = std::make_unique<CLed>("/sys/class/leds/" + szName + "/");

@@ -3,10 +3,14 @@
 #include "support/CSysClass.h"
 #include "support/Sanitized.h"
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <string>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 using namespace TestSupport;
 
@@ -47,16 +51,74 @@ TEST_F(ANetd, DoesNotStartWithABadSetting)
     EXPECT_FALSE(AwaitLog("button_line=four is not a number").empty());
 }
 
-TEST_F(ANetd, ShowsAHeldButton)
+TEST_F(ANetd, ShowsNothingOutsideOfTheDirectoryOfLeds)
 {
     CSysClass sysClass;
-    const std::string szLed = sysClass.szMakeDirectory("leds/status");
+    sysClass.szMakeDirectory("leds");
+    const std::string szOther = sysClass.szMakeDirectory("backlight");
+    WriteFile(szOther + "brightness", "7");
+    ASSERT_NO_FATAL_FAILURE(m_Netd.Start("led=../backlight\n"));
+    EXPECT_FALSE(AwaitLog("led=\\.\\./backlight is not a name: nothing is shown").empty());
+    EXPECT_EQ(0, m_Netd.iEnd());
+    EXPECT_EQ("7", szReadFile(szOther + "brightness"));
+}
+
+/// Makes the files of line 4, a button that is up. @return Their directory.
+std::string szMakeLine(CSysClass& sysClass)
+{
     const std::string szLine = sysClass.szMakeDirectory("gpio/gpio4");
-    WriteFile(szLed + "brightness", "1\n");
     for (const char* szFile : {"direction", "edge", "active_low"}) {
         WriteFile(szLine + szFile, "\n");
     }
     WriteFile(szLine + "value", "0\n");
+    return szLine;
+}
+
+TEST_F(ANetd, SeesAReleaseSoonerThanItWaitsForAPress)
+{
+    CSysClass sysClass;
+    const std::string szLine = szMakeLine(sysClass);
+    ASSERT_NO_FATAL_FAILURE(m_Netd.Start("button_line=4\n"));
+    ASSERT_TRUE(m_Netd.bAwaitStatus(R"("button":"up")"));
+    auto fastest = std::chrono::steady_clock::duration::max();
+    for (int i = 0; i < 10 && fastest > std::chrono::milliseconds(150); ++i) { // it may be busy
+        WriteFile(szLine + "value", "1\n");
+        ASSERT_TRUE(m_Netd.bAwaitStatus(R"("button":"down")"));
+        const auto begin = std::chrono::steady_clock::now();
+        WriteFile(szLine + "value", "0\n");
+        ASSERT_TRUE(m_Netd.bAwaitStatus(R"("button":"up")"));
+        fastest = std::min(fastest, std::chrono::steady_clock::now() - begin);
+    }
+    EXPECT_GT(std::chrono::milliseconds(150), fastest);
+    EXPECT_EQ(0, m_Netd.iEnd());
+}
+
+TEST_F(ANetd, SparesTheProcessorWhenItsLineIsNeitherUpNorDown)
+{
+    CSysClass sysClass;
+    const std::string szLine = szMakeLine(sysClass);
+    ASSERT_NO_FATAL_FAILURE(m_Netd.Start("button_line=4\n"));
+    ASSERT_TRUE(m_Netd.bAwaitStatus(R"("button":"up")"));
+    WriteFile(szLine + "value", "2\n"); // neither down nor up: no wait, as for a line that has gone
+    const QuorCore::CUniqueFd looks(inotify_init1(IN_CLOEXEC));
+    ASSERT_NE(-1, inotify_add_watch(looks.iGet(), (szLine + "value").c_str(), IN_ACCESS));
+    pollfd look{looks.iGet(), POLLIN, 0};
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 26; ++i) { // several at once are told as one
+        ASSERT_EQ(1, poll(&look, 1, kAwaitLimitMs));
+        inotify_event event = {};
+        ASSERT_LT(0, read(looks.iGet(), &event, sizeof(event)));
+    }
+    EXPECT_LE(std::chrono::milliseconds(25 * 19), std::chrono::steady_clock::now() - begin);
+    EXPECT_EQ(0, m_Netd.iEnd());
+}
+
+TEST_F(ANetd, ShowsAHeldButton)
+{
+    CSysClass sysClass;
+    const std::string szLed = sysClass.szMakeDirectory("leds/status");
+    const std::string szLine = szMakeLine(sysClass);
+    WriteFile(szLed + "brightness", "1\n");
     ASSERT_NO_FATAL_FAILURE(m_Netd.Start("button_line=4\nled=status\n"));
     ASSERT_TRUE(m_Netd.bAwaitStatus(R"("button":"up","led":"dark")"));
     EXPECT_EQ("0", szReadFile(szLed + "brightness"));
