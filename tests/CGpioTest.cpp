@@ -328,6 +328,31 @@ TEST_F(AGpioOverFiles, SetsUpAnInputByItsEdgeAlone)
               Logged());
 }
 
+TEST_F(AGpioOverFiles, IsNotExportedTwice)
+{
+    MakeLine("in\n", "0\n");
+    const std::string szClass = m_SysClass.szMakeDirectory("gpio");
+    WriteFile(szClass + "export", "");
+    m_Gpio.init(CGpio::IN, false, CGpio::NONE);
+    EXPECT_EQ("", szReadFile(szClass + "export"));
+}
+
+TEST_F(AGpioOverFiles, SetsUpAnInputThatIsInverted)
+{
+    MakeLine("in\n", "0\n");
+    m_Gpio.init(CGpio::IN, true, CGpio::NONE);
+    EXPECT_EQ("1\0"s, szContent("active_low"));
+    EXPECT_EQ("none\n", szContent("edge")); // NONE leaves it as it is
+}
+
+TEST_F(AGpioOverFiles, SetsUpNothingForADirectionThatIsNone)
+{
+    MakeLine("in\n", "0\n");
+    m_Gpio.init(static_cast<CGpio::EDirection>(9), false, CGpio::RISING);
+    EXPECT_EQ("in\n", szContent("direction"));
+    EXPECT_EQ("none\n", szContent("edge"));
+}
+
 TEST_F(AGpioOverFiles, SetsUpAnOutput)
 {
     MakeLine("in\n", "0\n");

@@ -62,6 +62,15 @@ TEST_F(ALedOverFiles, WritesATextWithoutAnEnd)
     EXPECT_EQ("heartbeat", szRead("trigger"));
 }
 
+TEST_F(ALedOverFiles, MakesAFileThatIsMissingForAllThatTheUmaskAllows)
+{
+    const mode_t former = umask(022);
+    m_Led.SetValue("trigger", "none");
+    umask(former);
+    EXPECT_EQ(0644U, static_cast<unsigned>(
+                         std::filesystem::status(m_szDirectory + "trigger").permissions()));
+}
+
 TEST_F(ALedOverFiles, WritesANumberInDecimal)
 {
     m_Led.SetValue("delay_on", 250);

@@ -310,6 +310,23 @@ TEST_F(AnEventTimer, WaitsForTheNextExpiryWhenAskedTwice)
     EXPECT_GE(Clock::now() - start, milliseconds(1950));
 }
 
+TEST_F(AnEventTimer, WaitsForTheNextExpiryWhateverSignalsCome)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGALRM, &action, nullptr)); // without SA_RESTART
+    m_Timer.SetValue(m_Manager, 1, 1);
+    ASSERT_EQ(0, m_Manager.iSelect(kAmpleMs, &m_nReady));
+    EXPECT_TRUE(m_Timer.bIsReady(m_Manager));
+    itimerval often = {};
+    often.it_value.tv_usec = 50000;
+    often.it_interval.tv_usec = 50000;
+    ASSERT_EQ(0, setitimer(ITIMER_REAL, &often, nullptr));
+    EXPECT_TRUE(m_Timer.bIsReady(m_Manager));
+    const itimerval off = {};
+    setitimer(ITIMER_REAL, &off, nullptr);
+}
+
 TEST_F(AnEventTimer, IsNotReadyWhenItWasDisarmedAfterTheWait)
 {
     m_Timer.SetValue(m_Manager, 1, 1);
@@ -348,23 +365,23 @@ TEST_F(AnEventTimer, TakesNoNegativeTime)
     m_Manager.m_fdRead.insert(m_Timer.iGetFd()); // for the end of the test
 }
 
-TEST_F(AnEventTimer, StaysWithoutADescriptorOnceNoneWasToBeHad)
+TEST_F(ATimerManager, HasNoTimerThatOnceFoundNoDescriptor)
 {
     if (kSanitized) {
         GTEST_SKIP() << "the sanitizers want descriptors of their own";
     }
     const ChildResult result = RunInChild([this] {
+        COpenTimer timer;
         rlimit former = {};
         getrlimit(RLIMIT_NOFILE, &former);
         rlimit none = former;
         none.rlim_cur = 0;
         setrlimit(RLIMIT_NOFILE, &none);
-        m_Timer.SetValue(m_Manager, 1, 1);
+        timer.SetValue(m_Manager, 1, 1);
         setrlimit(RLIMIT_NOFILE, &former);
-        m_Timer.SetValue(m_Manager, 1, 1); // is not tried again
-        return m_Timer.iGetFd() == -1 && m_Manager.m_fdRead.empty() && !m_Timer.bIsReady(m_Manager)
-                   ? 0
-                   : 1;
+        timer.SetValue(m_Manager, 1, 1); // is not tried again
+        return timer.iGetFd() == -1 && m_Manager.m_fdRead.empty() && !timer.bIsReady(m_Manager) ? 0
+                                                                                                : 1;
     });
     EXPECT_EQ(0, result.iExitCode);
 }
