@@ -119,6 +119,11 @@ TEST_F(ANetwork, AsksAServerForAnIpv6Address)
         GTEST_SKIP() << "this kernel has no IPv6";
     }
     m_pLab->StartServer();
+    Ip({"link", "set", "dev0", "up"});
+    ASSERT_TRUE(bAwait([] { // the client gives up at once without an address of the link
+        return CNetLab::szRun({"ip", "-6", "addr", "show", "dev", "dev0", "scope", "link"})
+                   .find("fe80:") != std::string::npos;
+    }));
     EXPECT_EQ(0, iStartDhcp("dev0", true));
     EXPECT_EQ((commands_t{"0: sudo /sbin/ip link set dev0 up", "0: /sbin/dhclient -6 -1 dev0"}),
               Commands());
