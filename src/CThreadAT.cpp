@@ -4,10 +4,13 @@
 #include "internal/CAtQueue.h"
 #include "internal/CCancelGuard.h"
 #include "internal/CLineFramer.h"
+#include "internal/CReportPost.h"
 
 #include "libQuorCore/string_tools.h"
 
 #include <algorithm>
+#include <exception>
+#include <iterator>
 #include <utility>
 
 namespace QuorCore
@@ -44,7 +47,8 @@ std::string szJoin(const std::vector<std::string>& lines)
 
 CThreadAT::CThreadAT(CObject* pParent, const char* pszLabel)
     : CThreadSerial(pParent, pszLabel), m_pFramer(std::make_unique<CLineFramer>()),
-      m_pDialogue(std::make_unique<CAtDialogue>(*m_pFramer))
+      m_pDialogue(std::make_unique<CAtDialogue>(*m_pFramer)),
+      m_pReportPost(std::make_unique<CReportPost>())
 {
 }
 
@@ -107,9 +111,20 @@ void CThreadAT::SetUnsolicited(const std::string& szPrefix, int iFollowing, hand
 void CThreadAT::SetUnsolicited(const std::string& szPrefix, int iFollowing, uint32_t iEventId)
 {
     SetUnsolicited(szPrefix, iFollowing, [this, iEventId](const std::vector<std::string>& lines) {
-        std::string szText = szJoin(lines);
-        iPostMessage(iEventId, 0, 0, szText.data(), static_cast<uint32_t>(szText.size() + 1), 0);
+        Post(iEventId, lines);
     });
+}
+
+void CThreadAT::Post(uint32_t iEventId, const std::vector<std::string>& lines)
+{
+    const unsigned nDroppedBefore = m_pReportPost->nDropped();
+    if (!m_pReportPost->bPost(*this, iEventId, szJoin(lines))) {
+        if (nDroppedBefore == 0) {
+            QUORCORE_LOG(LOG_WARNING, "too many reports wait, dropping more");
+        }
+    } else if (nDroppedBefore > 0) {
+        QUORCORE_LOG(LOG_WARNING, "%u reports were dropped", nDroppedBefore);
+    }
 }
 
 void CThreadAT::RemoveUnsolicited(const std::string& szPrefix)
@@ -155,13 +170,25 @@ long CThreadAT::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
                                          m_lSizeDataMax.load());
                         }
                         const CAtDialogue::report_t report = m_pDialogue->Take(line);
-                        if (report.pHandler != nullptr) {
-                            (*report.pHandler)(report.lines);
-                        } else if (!report.lines.empty()) {
-                            OnUnsolicited(report.lines.front());
+                        if (!report.lines.empty()) {
+                            HandOn(report.pHandler.get(), report.lines);
                         }
                     });
     return 0;
+}
+
+/// The thread goes on whatever a handler throws: others wait for their answers.
+void CThreadAT::HandOn(const handler_t* pHandler, const std::vector<std::string>& lines)
+{
+    try {
+        if (pHandler == nullptr) {
+            OnUnsolicited(lines.front());
+        } else if (*pHandler) {
+            (*pHandler)(lines);
+        }
+    } catch (const std::exception& exception) {
+        QUORCORE_LOG(LOG_ERR, "%s;", exception.what());
+    }
 }
 
 /// Serves iExchangeAT(), which wants the answer as a whole.
@@ -171,7 +198,8 @@ void CThreadAT::OfferToExchange(const uint8_t* pFrame, long lSizeTotal)
         m_szExchange.clear();
         return;
     }
-    m_szExchange.append(reinterpret_cast<const char*>(pFrame), static_cast<size_t>(lSizeTotal));
+    std::copy_if(pFrame, pFrame + lSizeTotal, std::back_inserter(m_szExchange),
+                 [](uint8_t iByte) { return iByte != 0; }); // the search would end there
     long lUsed = 0;
     CThreadCom::lDispatchTrame(reinterpret_cast<uint8_t*>(m_szExchange.data()),
                                static_cast<long>(m_szExchange.size()), &lUsed);

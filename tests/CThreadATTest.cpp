@@ -19,11 +19,14 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <mutex>
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using namespace QuorCore;
@@ -382,6 +385,59 @@ TEST_F(AThreadAT, PostsReportsToTheDispatcher)
                 ElementsAre(std::string("+CMT: 1\nHello\0", 14), std::string("RING\0", 5)));
 }
 
+TEST_F(AThreadAT, PostsNoMoreReportsThanTheDispatcherCanTake)
+{
+    m_Modem.SetUnsolicited("+CREG:", 0, kEventSms);
+    std::string szFlood;
+    for (int i = 0; i < 1000; ++i) {
+        szFlood += "+CREG: " + std::to_string(i) + "\r\n";
+    }
+    ASSERT_TRUE(m_Pty.bSend(szFlood + "END\r\n"));
+    ASSERT_TRUE(m_Modem.m_Unclaimed.bAwait(1));
+    const lines_t payloads = m_Store.Payloads(kEventSms);
+    ASSERT_EQ(256u, payloads.size());
+    EXPECT_EQ(std::string("+CREG: 255\0", 11), payloads.back());
+    EXPECT_TRUE(bAwaitLogged(LOG_WARNING, " : too many reports wait, dropping more"));
+    m_Store.RemoveAllMsg();
+    ASSERT_TRUE(m_Pty.bSend("+CREG: 1000\r\n"));
+    ASSERT_TRUE(bAwait([this] { return m_Store.Payloads(kEventSms).size() == 1; }));
+    EXPECT_TRUE(bAwaitLogged(LOG_WARNING, " : 744 reports were dropped"));
+    EXPECT_EQ(1u, CSyslogReceiver::Get().Count("too many reports wait"));
+}
+
+TEST_F(AThreadAT, LeavesItsReportsToTheDispatcherWhenItGoes)
+{
+    {
+        CPty pty;
+        COpenModem modem;
+        modem.SetUnsolicited("RING", 0, kEventSms);
+        modem.Configure(0, 200, pty.szPath().c_str());
+        ASSERT_EQ(0, modem.iCreateThread(true, kStartLimitMs));
+        ASSERT_TRUE(bAwait([&] { return m_Store.Count(&modem, EVT_COM_CONNECTED) == 1; }));
+        ASSERT_TRUE(pty.bSend("RING\r\n"));
+        ASSERT_TRUE(bAwait([this] { return m_Store.Payloads(kEventSms).size() == 1; }));
+    }
+    EXPECT_THAT(m_Store.Payloads(kEventSms), ElementsAre(std::string("RING\0", 5)));
+    m_Store.RemoveAllMsg();
+}
+
+TEST_F(AThreadAT, GoesOnWhenAHandlerThrows)
+{
+    m_Modem.SetUnsolicited("RING", 0, [](const lines_t&) { throw std::runtime_error("no bell"); });
+    const atResult_t result = Exchange(Command("AT+CSQ", "+CSQ:"), "RING\r\n+CSQ: 1\r\nOK\r\n");
+    EXPECT_EQ(0, result.lResult);
+    EXPECT_THAT(result.lines, ElementsAre("+CSQ: 1"));
+    EXPECT_TRUE(bAwaitLogged(LOG_ERR, " : no bell;"));
+}
+
+TEST_F(AThreadAT, DropsTheLinesOfAnEmptyHandler)
+{
+    m_Modem.SetUnsolicited("RING", 0, CThreadAT::handler_t());
+    ASSERT_TRUE(m_Pty.bSend("RING\r\nEND\r\n"));
+    ASSERT_TRUE(m_Modem.m_Unclaimed.bAwait(1));
+    EXPECT_THAT(m_Modem.m_Unclaimed.Get(), ElementsAre("END"));
+}
+
 TEST_F(AThreadAT, PrefersTheHandlerThatFitsBest)
 {
     KeepReports("+C");
@@ -693,6 +749,18 @@ TEST_F(AThreadAT, ServesAnExchangeOfTexts)
     }
     EXPECT_EQ(0, exchange.get());
     EXPECT_STREQ("+CSQ: 1\r\nOK", aAnswer.data());
+}
+
+TEST_F(AThreadAT, PassesOverZeroBytesAlsoInAnExchangeOfTexts)
+{
+    std::array<char, 100> aAnswer{};
+    auto exchange = std::async(std::launch::async, [&] {
+        return m_Modem.iExchangeAT("AT\r", "OK", aAnswer.data(), 100, nullptr, kAmpleMs);
+    });
+    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend(std::string("\0\0O\0K", 5)));
+    EXPECT_EQ(0, exchange.get());
+    EXPECT_STREQ("OK", aAnswer.data());
 }
 
 TEST_F(AThreadAT, RecordsTheFlight)

@@ -18,6 +18,7 @@ namespace QuorCore
 class CAtCall;
 class CAtDialogue;
 class CLineFramer;
+class CReportPost;
 
 /// What CThreadAT::lCommand() returns beside 0, -1 and -7.
 enum eAtResult : int {
@@ -130,11 +131,13 @@ public:
      * @param szPrefix    Such as "+CMTI:" or "RING"; an empty one gets every line that no other
      *                    wants, and so takes them out of the answers that have no prefix.
      * @param iFollowing  Lines behind it that come with it: 1 for "+CMT:". Blank ones count there.
+     * @param handler     What it throws is logged at level 3. An empty one drops the lines.
      */
     void SetUnsolicited(const std::string& szPrefix, int iFollowing, handler_t handler);
 
     /// The same, posted: a message of this object for @p iEventId, its payload the lines, each but
-    /// the last with a line feed behind it, and a 0 byte.
+    /// the last with a line feed behind it, and a 0 byte. While 256 of this object wait for the
+    /// dispatcher more are dropped; how many is logged at level 4.
     void SetUnsolicited(const std::string& szPrefix, int iFollowing, uint32_t iEventId);
 
     /// A handler that is running goes on.
@@ -159,12 +162,14 @@ protected:
     void OnLinkLost() override; ///< Ends the commands, too.
 
 private:
-    void Converse(CAtCall& call);
     bool bWrite(std::string szText);
+    void Post(uint32_t iEventId, const std::vector<std::string>& lines);
+    void HandOn(const handler_t* pHandler, const std::vector<std::string>& lines);
     void OfferToExchange(const uint8_t* pFrame, long lSizeTotal);
 
     const std::unique_ptr<CLineFramer> m_pFramer; ///< The serial thread's.
     const std::unique_ptr<CAtDialogue> m_pDialogue;
+    const std::unique_ptr<CReportPost> m_pReportPost; ///< The serial thread's.
     std::string m_szExchange; ///< What came since an exchange is pending; the serial thread's.
 };
 } // namespace QuorCore
