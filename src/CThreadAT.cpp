@@ -65,7 +65,10 @@ long CThreadAT::lCommand(const atCommand_t& command, atResult_t& result)
         return -1;
     }
     CAtCall call(command, result);
-    m_pDialogue->Converse(call, [this](const std::string& szText) { return bWrite(szText); });
+    m_pDialogue->Converse(call,
+                          [this](const std::string& szText, const std::function<bool()>& bGoOn) {
+                              return bWrite(szText, bGoOn);
+                          });
     if (result.lResult == kTimedOut) {
         QUORCORE_LOG(LOG_ERR, "no answer to %s",
                      szMaskSecret(command.szText, command.bSecret).c_str());
@@ -84,10 +87,10 @@ long CThreadAT::lCommand(const std::string& szText, const std::string& szPrefix,
     return lCommand(command, result);
 }
 
-bool CThreadAT::bWrite(std::string szText)
+bool CThreadAT::bWrite(std::string szText, const std::function<bool()>& bGoOn)
 {
-    return m_bConnected &&
-           iWrite(reinterpret_cast<uint8_t*>(szText.data()), static_cast<long>(szText.size())) == 0;
+    return m_bConnected && lWriteWhile(reinterpret_cast<uint8_t*>(szText.data()),
+                                       static_cast<long>(szText.size()), bGoOn) == 0;
 }
 
 size_t CThreadAT::Cancel(uint32_t iTag)

@@ -293,12 +293,18 @@ void CThreadSerial::OnLinkLost()
 
 long CThreadSerial::iWrite(uint8_t* pFrame, long lSizeTotal)
 {
+    return lWriteWhile(pFrame, lSizeTotal, [] { return true; });
+}
+
+long CThreadSerial::lWriteWhile(uint8_t* pFrame, long lSizeTotal,
+                                const std::function<bool()>& bGoOn)
+{
     const CDeferredCancel deferred;
     if (pFrame == nullptr && lSizeTotal > 0) {
         return -1;
     }
     long lLeft = std::max(lSizeTotal, 0L);
-    while (m_bRun && lLeft > 0) {
+    for (bool bGo = true; m_bRun && bGo && lLeft > 0;) {
         AwaitRoom();
         int iError = 0;
         const long lPiece = lWritePiece(pFrame, std::min(lLeft, kPieceBytesMax), iError);
@@ -314,6 +320,7 @@ long CThreadSerial::iWrite(uint8_t* pFrame, long lSizeTotal)
             }
             return -1;
         }
+        bGo = lLeft == 0 || bGoOn();
     }
     return m_bRun && lLeft == 0 ? 0 : -1;
 }

@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <ostream>
+#include <pthread.h>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -110,6 +111,44 @@ atCommand_t Command(const std::string& szText, const std::string& szPrefix = "")
     command.iTimeOut = kAmpleMs;
     return command;
 }
+
+/// A command in a thread that is cancelled in the middle of it.
+class CCancelledCaller
+{
+public:
+    CCancelledCaller(CThreadAT& modem, atCommand_t command)
+        : m_modem(modem), m_command(std::move(command)),
+          m_bRuns(pthread_create(&m_thread, nullptr, Run, this) == 0)
+    {
+        EXPECT_TRUE(m_bRuns);
+    }
+    CCancelledCaller(const CCancelledCaller&) = delete;
+    CCancelledCaller& operator=(const CCancelledCaller&) = delete;
+    ~CCancelledCaller() { Cancel(); }
+
+    void Cancel()
+    {
+        if (std::exchange(m_bRuns, false)) {
+            pthread_cancel(m_thread);
+            pthread_join(m_thread, nullptr);
+        }
+    }
+
+private:
+    static void* Run(void* pCaller)
+    {
+        auto* const pThis = static_cast<CCancelledCaller*>(pCaller);
+        const CLogLevel level;
+        atResult_t result;
+        pThis->m_modem.lCommand(pThis->m_command, result);
+        return nullptr;
+    }
+
+    CThreadAT& m_modem;
+    const atCommand_t m_command;
+    pthread_t m_thread{};
+    bool m_bRuns;
+};
 
 class AThreadAT : public ::testing::Test
 {
@@ -438,6 +477,20 @@ TEST_F(AThreadAT, DropsTheLinesOfAnEmptyHandler)
     EXPECT_THAT(m_Modem.m_Unclaimed.Get(), ElementsAre("END"));
 }
 
+TEST_F(AThreadAT, LetsWhatAHandlerHoldsCallBackWhenItGoes)
+{
+    std::shared_ptr<CThreadAT> pHeld(&m_Modem, [](CThreadAT* pModem) {
+        EXPECT_EQ(0u, pModem->nQueued()); // which takes the lock
+    });
+    m_Modem.SetUnsolicited("RING", 0, [pHeld](const lines_t&) {});
+    m_Modem.SetUnsolicited("+CREG:", 0, [pHeld](const lines_t&) {});
+    pHeld.reset();
+    KeepReports("RING"); // the former goes
+    m_Modem.RemoveUnsolicited("+CREG:");
+    ASSERT_TRUE(m_Pty.bSend("RING\r\n"));
+    EXPECT_TRUE(m_Reports.bAwait(1));
+}
+
 TEST_F(AThreadAT, PrefersTheHandlerThatFitsBest)
 {
     KeepReports("+C");
@@ -595,6 +648,122 @@ TEST_F(AThreadAT, WaitsForALateAnswerBeforeTheNextCommand)
     ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
     EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
+}
+
+TEST_F(AThreadAT, TakesTheTextOfALateAnswerForNoFinalLine)
+{
+    atCommand_t command = GivenUp("AT+CMGR=1", "+CMGR:");
+    command.iFollowing = 1;
+    EXPECT_EQ(-7, AskAndReceive(command).get().lResult);
+    auto next = Ask(Command("AT+CSQ"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CMGR: \"REC READ\"\r\nOK\r\n")); // a message: "OK"
+    EXPECT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));                 // it is not done yet
+    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n\r\nOK\r\n"));
+    ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
+    EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
+}
+
+TEST_F(AThreadAT, TakesTheRestOfATextThatWasGivenUpForNoFinalLine)
+{
+    atCommand_t command = Command("AT+CMGR=1", "+CMGR:");
+    command.iFollowing = 2;
+    command.iTag = 7;
+    auto asking = AskAndReceive(command);
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CMGR: 1\r\nOne\r\n"));
+    ASSERT_TRUE(
+        bAwait([this] { return m_Modem.szFlightRecord().find("< One") != std::string::npos; }));
+    EXPECT_EQ(1u, m_Modem.Cancel(7));
+    EXPECT_THAT(asking.get().lines, ElementsAre("+CMGR: 1", "One"));
+    ASSERT_TRUE(m_Pty.bSend("ERROR\r\n\r\nOK\r\n"));
+    ASSERT_TRUE(
+        bAwait([this] { return m_Modem.szFlightRecord().find("- OK") != std::string::npos; }));
+    EXPECT_EQ(0, Exchange(Command("AT+CSQ"), "\r\nOK\r\n").lResult);
+}
+
+TEST_F(AThreadAT, AsksNothingForACommandThatWasCancelledBeforeItWasSent)
+{
+    EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+ONE")).get().lResult);
+    atCommand_t command = Command("AT+TWO");
+    command.iTag = 7;
+    const auto start = steady_clock::now();
+    auto waiting = Ask(command);
+    EXPECT_EQ("", m_Pty.szReceive(1, 50)); // it waits for the late answer
+    ASSERT_TRUE(bAwait([this] { return m_Modem.Cancel(7) == 1; }));
+    if (steady_clock::now() - start > milliseconds(400)) {
+        GTEST_SKIP() << "too busy a machine: it may have asked before";
+    }
+    EXPECT_EQ(AT_CANCELLED, waiting.get().lResult);
+    auto next = Ask(Command("AT+THREE"));
+    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r")); // the only one
+    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n\r\nOK\r\n"));
+    ASSERT_EQ("AT+THREE\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n"));
+    EXPECT_EQ(0, next.get().lResult);
+}
+
+TEST_F(AThreadAT, WaitsForTheAnswerToACommandWhoseThreadWasCancelled)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    CCancelledCaller caller(m_Modem, Command("AT+CPIN?", "+CPIN:"));
+    ASSERT_EQ("AT+CPIN?\r", m_Pty.szReceiveUntil("\r"));
+    caller.Cancel();
+    EXPECT_EQ(0u, m_Modem.nQueued());
+    auto next = Ask(Command("AT+CSQ"));
+    EXPECT_EQ("", m_Pty.szReceive(1, 50));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CPIN: READY\r\n\r\nOK\r\n")); // not the next one's
+    ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
+    EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
+}
+
+TEST_F(AThreadAT, WakesNoThreadThatWasCancelledWhileItWaitedForALateAnswer)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+ONE")).get().lResult);
+    CCancelledCaller caller(m_Modem, Command("AT+TWO"));
+    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));
+    caller.Cancel();
+    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n\r\nOK\r\nEND\r\n"));
+    ASSERT_TRUE(m_Modem.m_Unclaimed.bAwait(1));
+    EXPECT_EQ(0, Exchange(Command("AT+THREE"), "\r\nOK\r\n").lResult);
+}
+
+TEST_F(AThreadAT, GivesUpACommandThatTheLineDoesNotTake)
+{
+    atCommand_t command = Command("AT+CMGS=1");
+    command.bPrompt = true;
+    command.szPayload = std::string(100000, 'x');
+    command.iTimeOut = 1000;
+    auto asking = AskAndReceive(command);
+    ASSERT_TRUE(m_Pty.bSend("\r\n> "));
+    EXPECT_EQ(-7, asking.get().lResult);
+    EXPECT_TRUE(m_Modem.bGetConnected());
+}
+
+TEST_F(AThreadAT, SendsACommandThatHasNoTime)
+{
+    atCommand_t command = Command("AT+CFUN=1,1");
+    command.iTimeOut = 0;
+    EXPECT_EQ(-7, AskAndReceive(command).get().lResult);
+}
+
+TEST_F(AThreadAT, CancelsACommandThatTheLineDoesNotTake)
+{
+    atCommand_t command = Command("AT+CMGS=1");
+    command.bPrompt = true;
+    command.szPayload = std::string(100000, 'x');
+    command.iTimeOut = -1;
+    command.iTag = 7;
+    auto asking = AskAndReceive(command);
+    ASSERT_TRUE(m_Pty.bSend("\r\n> "));
+    ASSERT_EQ("x", m_Pty.szReceive(1));
+    EXPECT_EQ(1u, m_Modem.Cancel(7));
+    EXPECT_EQ(AT_CANCELLED, asking.get().lResult);
 }
 
 TEST_F(AThreadAT, LetsTheLineComeToRestBeforeTheNextCommand)
@@ -808,6 +977,36 @@ TEST_F(AThreadAT, KeepsSecretsOutOfTheRecord)
     EXPECT_EQ(0, asking.get().lResult);
     EXPECT_THAT(m_Modem.szFlightRecord(), Not(HasSubstr("12345")));
     EXPECT_THAT(m_Modem.szFlightRecord(), HasSubstr("> AT^KEY=****\n"));
+}
+
+TEST_F(AThreadAT, KeepsSecretsOutOfTheRecordAlsoWhenTheirEchoIsLateOrCut)
+{
+    atCommand_t command = GivenUp("AT^KEY=12345");
+    command.bSecret = true;
+    EXPECT_EQ(-7, AskAndReceive(command).get().lResult);
+    ASSERT_TRUE(m_Pty.bSend("AT^KEY=12345\r\r\nOK\r\n"));
+    ASSERT_TRUE(
+        bAwait([this] { return m_Modem.szFlightRecord().find("- OK") != std::string::npos; }));
+    EXPECT_THAT(m_Modem.szFlightRecord(), HasSubstr("- AT^KEY=****\n"));
+
+    command = Command("AT^KEY=12345" + std::string(300, '9')); // the port has 200 bytes
+    command.bSecret = true;
+    EXPECT_THAT(Exchange(command, command.szText + "\r\r\nOK\r\n").lines, IsEmpty());
+
+    command = Command("AT^LOAD=1");
+    command.bSecret = command.bPrompt = true;
+    command.szPayload = "12345\r12345";
+    command.iTag = 7;
+    auto asking = AskAndReceive(command);
+    ASSERT_TRUE(m_Pty.bSend("> "));
+    ASSERT_NE("", m_Pty.szReceiveUntil("\x1a"));
+    EXPECT_EQ(1u, m_Modem.Cancel(7));
+    EXPECT_EQ(AT_CANCELLED, asking.get().lResult);
+    ASSERT_TRUE(m_Pty.bSend("12345\r\n> 12345\x1a\r\n\r\nERROR\r\n"));
+    ASSERT_TRUE(
+        bAwait([this] { return m_Modem.szFlightRecord().find("- ERROR") != std::string::npos; }));
+    EXPECT_THAT(m_Modem.szFlightRecord(), HasSubstr("- > ****\n"));
+    EXPECT_THAT(m_Modem.szFlightRecord(), Not(HasSubstr("12345")));
 }
 
 TEST_F(AThreadAT, KeepsNoMoreThanTheLastOfTheFlight)

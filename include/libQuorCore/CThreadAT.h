@@ -42,7 +42,7 @@ struct atCommand_t {
     std::string szPayload; ///< Sent then, with Ctrl-Z behind it. Without control characters but
                            ///< carriage return and line feed.
     long iTimeOut =
-        10000;            ///< ms for the whole answer once it is this one's turn; negative: no end.
+        10000; ///< ms for command and answer once it is this one's turn; negative: no end.
     bool bUrgent = false; ///< Before all that wait and are not.
     bool bSecret = false; ///< What follows its first "=" is kept out of the flight record.
     uint32_t iTag = 0;    ///< For Cancel().
@@ -162,7 +162,7 @@ protected:
     void OnLinkLost() override; ///< Ends the commands, too.
 
 private:
-    bool bWrite(std::string szText);
+    bool bWrite(std::string szText, const std::function<bool()>& bGoOn);
     void Post(uint32_t iEventId, const std::vector<std::string>& lines);
     void HandOn(const handler_t* pHandler, const std::vector<std::string>& lines);
     void OfferToExchange(const uint8_t* pFrame, long lSizeTotal);

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -172,6 +173,10 @@ protected:
     /// @return Bytes; 0 nothing came within the inter-character time-out; -1 an error, which is
     ///         logged at level 3, or a device that has gone, or no open port.
     long lReadSome(uint8_t* pFrame, long lSize);
+
+    /// Writes as iWrite(), as long as @p bGoOn returns true; it is asked after each piece, and ten
+    /// times a second while the line has no room. @return As iWrite(); -1 also when it says no.
+    long lWriteWhile(uint8_t* pFrame, long lSizeTotal, const std::function<bool()>& bGoOn);
 
     std::atomic<int> m_hTTY{-1};        ///< -1 when closed. Use it pinned, as lReadSome() does.
     std::atomic<uint32_t> m_iSpeed{13}; ///< A speed code; 13 is B9600.

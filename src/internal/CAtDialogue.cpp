@@ -21,8 +21,15 @@ bool bBeginsWith(const std::string& szText, const std::string& szPrefix)
     return szText.compare(0, szPrefix.size(), szPrefix) == 0;
 }
 
+/// @return Whether the line repeats a command; of one that is too long its beginning counts.
+bool bIsEcho(const CLineFramer::line_t& line, const std::string& szCommand)
+{
+    return line.szText == szCommand || (line.bCut && bBeginsWith(szCommand, line.szText));
+}
+} // namespace
+
 /// The time that a command has, without end for a negative one.
-class CTimeLeft
+class CAtDialogue::CTimeLeft
 {
 public:
     explicit CTimeLeft(long lMs) : m_bEndless(lMs < 0), m_deadline(std::max(lMs, 0L)) {}
@@ -36,7 +43,6 @@ private:
     const bool m_bEndless;
     const CDeadline m_deadline;
 };
-} // namespace
 
 /// A command's place in the queue, for a scope.
 class CAtDialogue::CTurn
@@ -52,9 +58,7 @@ public:
     ~CTurn()
     {
         const std::lock_guard<std::mutex> held(m_dialogue.m_lock);
-        if (m_dialogue.m_pSent == &m_call) { // the thread is being cancelled
-            m_dialogue.m_pSent = nullptr;
-        }
+        m_dialogue.GiveUp(m_call); // the thread may be being cancelled
         if (m_dialogue.m_pSettling == &m_call) {
             m_dialogue.m_pSettling = nullptr;
         }
@@ -106,18 +110,38 @@ void CAtDialogue::ConverseInTurn(CAtCall& call, const write_t& write)
     if (!bMarkSent(call)) {
         return;
     }
-    if (!write(call.m_command.szText + '\r')) {
-        Finish(call, -1);
-        return;
+    const bool bSent =
+        bSend(call, time, call.m_command.szText + '\r', write) && bServePrompt(call, time, write);
+    if (bSent) {
+        bAwait(call, time.lLeftMs(), [&call] { return call.m_eState == eAtCall::ENDED; });
     }
+    Finish(call, bSent || time.lLeftMs() == 0 ? kTimedOut : -1);
+}
+
+/// Writes for a command, which may end meanwhile: a line that takes nothing is no reason to wait.
+bool CAtDialogue::bSend(CAtCall& call, const CTimeLeft& time, const std::string& szBytes,
+                        const write_t& write)
+{
+    return write(szBytes, [this, &call, &time] {
+        const std::lock_guard<std::mutex> held(m_lock);
+        return time.lLeftMs() != 0 && call.m_eState != eAtCall::ENDED;
+    });
+}
+
+/// @return False: the text was not written.
+bool CAtDialogue::bServePrompt(CAtCall& call, const CTimeLeft& time, const write_t& write)
+{
     const bool bAskedForText = call.m_command.bPrompt && bAwait(call, time.lLeftMs(), [&call] {
                                    return call.m_bPrompted && call.m_eState == eAtCall::SENT;
                                });
-    if (bAskedForText) {
-        SendPayload(call, write);
+    if (!bAskedForText) {
+        return true;
     }
-    bAwait(call, time.lLeftMs(), [&call] { return call.m_eState == eAtCall::ENDED; });
-    Finish(call, kTimedOut);
+    {
+        const std::lock_guard<std::mutex> held(m_lock);
+        Note(eFlightMark::PAYLOAD, call.m_command.bSecret ? "****" : call.m_command.szPayload);
+    }
+    return bSend(call, time, call.m_command.szPayload + kCtrlZ, write);
 }
 
 /**
@@ -137,27 +161,35 @@ bool CAtDialogue::bSettle(CAtCall& call, long lLimitMs, const write_t& write)
             return true;
         }
         m_pSettling = &call;
-        bEscape = m_bOwedPrompt;
+        bEscape = m_owed.bPrompt;
     }
     bool bSettled = bAwait(call, time.lAtMost(kLateAnswerMs), [this] { return m_nOwed == 0; });
-    if (!bSettled && time.lLeftMs() != 0) {
-        unsigned nLate = 0;
-        {
-            const std::lock_guard<std::mutex> held(m_lock);
-            ++m_nOwed;
-            nLate = m_nLate;
-            Note(eFlightMark::COMMAND, "AT");
-        }
+    unsigned nLate = 0;
+    if (!bSettled && time.lLeftMs() != 0 && bMarkAsked(call, nLate)) {
         const auto bAnother = [this, &nLate] { return std::exchange(nLate, m_nLate) != nLate; };
-        bSettled = write((bEscape ? kEscape : "") + std::string("AT\r")) &&
+        bSettled = bSend(call, time, (bEscape ? kEscape : "") + std::string("AT\r"), write) &&
                    bAwait(call, time.lLeftMs(), bAnother);
         while (bSettled && bAwait(call, kQuietMs, bAnother)) {
         }
     }
     const std::lock_guard<std::mutex> held(m_lock);
     m_pSettling = nullptr;
+    bSettled = bSettled && call.m_eState != eAtCall::ENDED; // else nobody has seen it come to rest
     m_nOwed = bSettled ? 0 : m_nOwed;
     return bSettled;
+}
+
+/// "AT" is about to be sent for a command. @return False: that has ended.
+bool CAtDialogue::bMarkAsked(CAtCall& call, unsigned& nLate)
+{
+    const std::lock_guard<std::mutex> held(m_lock);
+    if (call.m_eState == eAtCall::ENDED) {
+        return false;
+    }
+    ++m_nOwed;
+    nLate = m_nLate;
+    Note(eFlightMark::COMMAND, "AT");
+    return true;
 }
 
 bool CAtDialogue::bMarkSent(CAtCall& call)
@@ -166,38 +198,39 @@ bool CAtDialogue::bMarkSent(CAtCall& call)
     if (call.m_eState != eAtCall::ITS_TURN) {
         return false;
     }
+    const atCommand_t& command = call.m_command;
+    m_sent = {command.szText,  command.szPrefix, command.iFollowing,
+              command.bPrompt, command.bSecret,  0};
     call.m_eState = eAtCall::SENT; // before it is written: the answer may come at once
     m_pSent = &call;
-    m_framer.AwaitPrompt(call.m_command.bPrompt);
-    Note(eFlightMark::COMMAND, szMaskSecret(call.m_command.szText, call.m_command.bSecret));
+    m_framer.AwaitPrompt(command.bPrompt);
+    Note(eFlightMark::COMMAND, szMaskSecret(command.szText, command.bSecret));
     return true;
-}
-
-void CAtDialogue::SendPayload(CAtCall& call, const write_t& write)
-{
-    {
-        const std::lock_guard<std::mutex> held(m_lock);
-        Note(eFlightMark::PAYLOAD, call.m_command.bSecret ? "****" : call.m_command.szPayload);
-    }
-    if (!write(call.m_command.szPayload + kCtrlZ)) {
-        const std::lock_guard<std::mutex> held(m_lock);
-        call.End(-1);
-    }
 }
 
 void CAtDialogue::Finish(CAtCall& call, long lResult)
 {
     const std::lock_guard<std::mutex> held(m_lock);
     call.End(lResult);
-    if (m_pSent == &call) {
-        m_pSent = nullptr;
-        ++m_nOwed;
-        m_szOwedCommand = call.m_command.szText;
-        m_szOwedPrefix = call.m_command.szPrefix;
-        m_bOwedPrompt = call.m_command.bPrompt;
+    if (call.m_result.lResult == -1 && m_pSent == &call) {
+        m_pSent = nullptr; // there is no modem that could answer
     }
+    GiveUp(call);
     m_framer.AwaitPrompt(false);
     Note(eFlightMark::OUTCOME, std::to_string(call.m_result.lResult));
+}
+
+/// Notes, under the lock, what the modem owes for a command that was sent and not answered.
+void CAtDialogue::GiveUp(const CAtCall& call)
+{
+    if (m_pSent != &call) {
+        return;
+    }
+    m_pSent = nullptr;
+    m_framer.AwaitPrompt(false);
+    ++m_nOwed;
+    m_owed = std::move(m_sent);
+    m_owed.iPending = call.m_iFollowing;
 }
 
 size_t CAtDialogue::Cancel(uint32_t iTag)
@@ -218,6 +251,7 @@ void CAtDialogue::LinkLost()
     const std::lock_guard<std::mutex> held(m_lock);
     m_pSent = nullptr;
     m_nOwed = 0;
+    m_owed = {};
     m_iToCollect = 0;
     m_collected = {};
     m_queue.End(-1, [](const CAtCall&) { return true; });
@@ -238,8 +272,8 @@ CAtDialogue::report_t CAtDialogue::Take(const CLineFramer::line_t& line)
         return {};
     }
     if (line.bAfterPrompt && !line.szText.empty()) {
-        Note(eFlightMark::ECHO,
-             m_pSent != nullptr && m_pSent->m_command.bSecret ? "****" : line.szText);
+        const bool bSecret = m_pSent != nullptr ? m_pSent->m_command.bSecret : m_owed.bSecret;
+        Note(eFlightMark::ECHO, bSecret ? "****" : line.szText);
         return {};
     }
     if (m_iToCollect > 0) {
@@ -264,7 +298,7 @@ bool CAtDialogue::bTakeForAnswer(CAtCall& call, const CLineFramer::line_t& line)
     if (line.szText.empty()) {
         return true;
     }
-    if (!call.m_bEchoed && line.szText == command.szText) {
+    if (!call.m_bEchoed && bIsEcho(line, command.szText)) {
         call.m_bEchoed = true;
         Note(eFlightMark::ECHO, szMaskSecret(line.szText, command.bSecret));
         return true;
@@ -314,21 +348,38 @@ bool CAtDialogue::bTakeAsFinal(CAtCall& call, const CLineFramer::line_t& line)
 /// The answer to a command that was given up.
 bool CAtDialogue::bTakeAsLate(const CLineFramer::line_t& line)
 {
+    const std::string& szText = line.szText;
     if (m_nOwed == 0) {
         return false;
     }
-    if (bEnds(ParseFinal(line.szText), line.szText, m_szOwedCommand)) {
+    if (m_owed.iPending > 0) {
+        --m_owed.iPending;
+        Note(eFlightMark::LATE, szText);
+        return true;
+    }
+    if (bEnds(ParseFinal(szText), szText, m_owed.szCommand)) {
         --m_nOwed;
         ++m_nLate;
         if (m_pSettling != nullptr) {
             m_pSettling->m_Changed.iSetEvent();
         }
-    } else if (line.szText != m_szOwedCommand && line.szText != "AT" &&
-               (m_szOwedPrefix.empty() || !bBeginsWith(line.szText, m_szOwedPrefix))) {
-        return false;
+        Note(eFlightMark::LATE, szText);
+        return true;
     }
-    Note(eFlightMark::LATE, szMaskSecret(line.szText, false));
-    return true;
+    if (!m_owed.szPrefix.empty() && bBeginsWith(szText, m_owed.szPrefix)) {
+        m_owed.iPending = std::max(m_owed.iFollowing, 0);
+        Note(eFlightMark::LATE, szText);
+        return true;
+    }
+    if (bIsEcho(line, m_owed.szCommand) || szText == "AT") {
+        Note(eFlightMark::LATE, szMaskSecret(szText, m_owed.bSecret && szText != "AT"));
+        return true;
+    }
+    if (m_owed.bPrompt && bBeginsWith(szText, "> ")) { // and the echo of what was typed there
+        Note(eFlightMark::LATE, m_owed.bSecret ? "> ****" : szText);
+        return true;
+    }
+    return false;
 }
 
 CAtDialogue::report_t CAtDialogue::Report(const CLineFramer::line_t& line)
@@ -367,20 +418,37 @@ bool CAtDialogue::bEnds(const atFinal_t& final, const std::string& szLine,
     return !bReport || bIsCallCommand(szCommand);
 }
 
+// A handler that is replaced or removed goes when the lock is free: what it holds may call back.
 void CAtDialogue::SetHandler(const std::string& szPrefix, int iFollowing,
                              CThreadAT::handler_t handler)
 {
-    auto pHandler = std::make_shared<const CThreadAT::handler_t>(std::move(handler));
-    RemoveHandler(szPrefix);
+    entry_t entry{szPrefix, iFollowing,
+                  std::make_shared<const CThreadAT::handler_t>(std::move(handler))};
     const std::lock_guard<std::mutex> held(m_lock);
-    m_handlers.push_back({szPrefix, iFollowing, std::move(pHandler)});
+    const auto place = PlaceOf(szPrefix);
+    if (place != m_handlers.end()) {
+        std::swap(*place, entry);
+    } else {
+        m_handlers.push_back(std::move(entry));
+    }
 }
 
 void CAtDialogue::RemoveHandler(const std::string& szPrefix)
 {
+    entry_t removed;
     const std::lock_guard<std::mutex> held(m_lock);
-    const auto isIt = [&szPrefix](const entry_t& entry) { return entry.szPrefix == szPrefix; };
-    m_handlers.erase(std::remove_if(m_handlers.begin(), m_handlers.end(), isIt), m_handlers.end());
+    const auto place = PlaceOf(szPrefix);
+    if (place != m_handlers.end()) {
+        removed = std::move(*place);
+        m_handlers.erase(place);
+    }
+}
+
+/// @return Where the handler of exactly this prefix is; the end when there is none.
+std::vector<CAtDialogue::entry_t>::iterator CAtDialogue::PlaceOf(const std::string& szPrefix)
+{
+    return std::find_if(m_handlers.begin(), m_handlers.end(),
+                        [&szPrefix](const entry_t& entry) { return entry.szPrefix == szPrefix; });
 }
 
 std::string CAtDialogue::szRecord() const

@@ -27,8 +27,9 @@ namespace QuorCore
 class CAtDialogue
 {
 public:
-    /// Sends bytes. @return Whether all were written.
-    using write_t = std::function<bool(const std::string&)>;
+    /// Sends bytes, as long as @p bGoOn says so. @return Whether all were written.
+    using write_t =
+        std::function<bool(const std::string& szBytes, const std::function<bool()>& bGoOn)>;
 
     /// A line that belongs to no answer, on its way to its handler.
     struct report_t {
@@ -61,24 +62,39 @@ public:
 private:
     struct entry_t {
         std::string szPrefix;
-        int iFollowing;
+        int iFollowing = 0;
         std::shared_ptr<const CThreadAT::handler_t> pHandler;
     };
+    /// A command that the modem has got, and how it may be answered when nobody waits any more.
+    struct owed_t {
+        std::string szCommand;
+        std::string szPrefix;
+        int iFollowing = 0;   ///< As atCommand_t::iFollowing.
+        bool bPrompt = false; ///< The modem may be waiting for its text.
+        bool bSecret = false;
+        int iPending = 0; ///< So many lines are its own, whatever they look like.
+    };
     class CTurn;
+    class CTimeLeft;
 
     template <class Predicate>
     bool bAwait(CAtCall& call, long lLimitMs, Predicate predicate);
     void ConverseInTurn(CAtCall& call, const write_t& write);
     bool bSettle(CAtCall& call, long lLimitMs, const write_t& write);
+    bool bMarkAsked(CAtCall& call, unsigned& nLate);
     bool bMarkSent(CAtCall& call);
-    void SendPayload(CAtCall& call, const write_t& write);
+    bool bSend(CAtCall& call, const CTimeLeft& time, const std::string& szBytes,
+               const write_t& write);
+    bool bServePrompt(CAtCall& call, const CTimeLeft& time, const write_t& write);
     void Finish(CAtCall& call, long lResult);
+    void GiveUp(const CAtCall& call);
 
     bool bTakeForAnswer(CAtCall& call, const CLineFramer::line_t& line);
     void Append(CAtCall& call, const CLineFramer::line_t& line);
     bool bTakeAsFinal(CAtCall& call, const CLineFramer::line_t& line);
     bool bTakeAsLate(const CLineFramer::line_t& line);
     report_t Report(const CLineFramer::line_t& line);
+    std::vector<entry_t>::iterator PlaceOf(const std::string& szPrefix);
     const entry_t* pFindHandler(const std::string& szLine) const;
     bool bEnds(const atFinal_t& final, const std::string& szLine,
                const std::string& szCommand) const;
@@ -89,11 +105,10 @@ private:
     CAtQueue m_queue;
     CAtCall* m_pSent = nullptr;     ///< Whose answer the lines may be.
     CAtCall* m_pSettling = nullptr; ///< Waits for the line to come to rest.
-    std::string m_szOwedCommand;    ///< The last one that was given up, ...
-    std::string m_szOwedPrefix;     ///< ... the lines of its answer, ...
-    bool m_bOwedPrompt = false;     ///< ... and whether the modem may be waiting for its text.
-    unsigned m_nOwed = 0;           ///< Final lines that the modem may still send for such ones.
-    unsigned m_nLate = 0;           ///< Those that it has sent, ever.
+    owed_t m_sent;        ///< Of m_pSent; made when it is sent, as giving up must not fail.
+    owed_t m_owed;        ///< The last one that was given up.
+    unsigned m_nOwed = 0; ///< Final lines that the modem may still send for such ones.
+    unsigned m_nLate = 0; ///< Those that it has sent, ever.
     std::vector<entry_t> m_handlers;
     report_t m_collected;   ///< A report whose further lines are awaited.
     int m_iToCollect = 0;   ///< So many.
