@@ -62,3 +62,17 @@ TEST(ACrc16, TakesNoMoreThanSixteenBitsCanCount)
     EXPECT_EQ(iLongest, Crc16(bytes.data(), 70000));
     EXPECT_NE(iLongest, Crc16(bytes.data(), 65534));
 }
+
+TEST(ACrc16, IsThatOfItsDefinitionForAnyLength)
+{
+    std::vector<unsigned char> bytes(1025); // an odd address, too
+    unsigned int iRandom = 1;
+    for (unsigned char& cByte : bytes) {
+        iRandom = iRandom * 1103515245 + 12345;
+        cByte = static_cast<unsigned char>(iRandom >> 16);
+    }
+    const std::vector<unsigned char> shifted(bytes.begin() + 1, bytes.end());
+    for (unsigned int nBytes = 0; nBytes < bytes.size(); ++nBytes) {
+        ASSERT_EQ(CrcByDefinition(shifted, nBytes), Crc16(bytes.data() + 1, nBytes)) << nBytes;
+    }
+}
