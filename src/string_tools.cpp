@@ -1,9 +1,11 @@
 #include "libQuorCore/string_tools.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <utility>
@@ -23,9 +25,36 @@ void AppendHex(std::string& text, unsigned char cByte, const char* digits)
     text += digits[cByte & 0x0F];
 }
 
-bool bIsHexDigit(char c)
+/// The upper-case digits of each byte, one pair behind the other.
+constexpr std::array<char, 512> MakePairs()
 {
-    return ('0' <= c && c <= '9') || ('A' <= c && c <= 'F') || ('a' <= c && c <= 'f');
+    std::array<char, 512> pairs{};
+    for (size_t i = 0; i < pairs.size(); i += 2) {
+        pairs[i] = kUpper[i / 2 >> 4];
+        pairs[i + 1] = kUpper[i / 2 & 0x0F];
+    }
+    return pairs;
+}
+constexpr std::array<char, 512> kPairs = MakePairs();
+
+/// The value of each character that is a digit, and -1 for all others.
+constexpr std::array<signed char, 256> MakeDigits()
+{
+    std::array<signed char, 256> digits{};
+    for (signed char& iDigit : digits) {
+        iDigit = -1;
+    }
+    for (signed char i = 0; i < 16; ++i) {
+        digits[static_cast<unsigned char>(kUpper[i])] = i;
+        digits[static_cast<unsigned char>(kLower[i])] = i;
+    }
+    return digits;
+}
+constexpr std::array<signed char, 256> kDigits = MakeDigits();
+
+int iDigitOf(char c)
+{
+    return kDigits[static_cast<unsigned char>(c)];
 }
 
 unsigned char PairToByte(char high, char low)
@@ -73,12 +102,18 @@ std::string Hexlify(const unsigned char* bytes, unsigned int length, char sep)
     if (bytes == nullptr) {
         return text;
     }
-    text.reserve(size_t{length} * (sep != 0 ? 3 : 2));
-    for (unsigned int i = 0; i < length; ++i) {
-        AppendHex(text, bytes[i], kUpper);
-        if (sep != 0) {
-            text += sep;
+    text.resize(size_t{length} * (sep != 0 ? 3 : 2));
+    char* out = text.data();
+    if (sep == 0) {
+        for (unsigned int i = 0; i < length; ++i) {
+            std::memcpy(out + 2 * size_t{i}, &kPairs[size_t{bytes[i]} * 2], 2);
         }
+        return text;
+    }
+    for (unsigned int i = 0; i < length; ++i) {
+        std::memcpy(out, &kPairs[size_t{bytes[i]} * 2], 2);
+        out[2] = sep;
+        out += 3;
     }
     return text;
 }
@@ -100,11 +135,29 @@ std::string Hexlify(const bytes_t& bytes, char sep)
 
 std::string UnHexlify(const char* text, unsigned int length)
 {
-    std::string digits;
-    if (text != nullptr) {
-        std::copy_if(text, text + length, std::back_inserter(digits), bIsHexDigit);
+    std::string bytes;
+    if (text == nullptr) {
+        return bytes;
     }
-    return PairsToBytes<std::string>(digits);
+    bytes.resize(length / 2);
+    char* out = bytes.data();
+    const char* const end = text + length;
+    while (end - text >= 2) {
+        const int iHigh = iDigitOf(text[0]);
+        int iLow = iDigitOf(text[1]);
+        text += iHigh < 0 ? 1 : 2;
+        if (iHigh < 0) {
+            continue;
+        }
+        for (; iLow < 0 && text != end; ++text) { // what stands between the digits of a pair
+            iLow = iDigitOf(*text);
+        }
+        if (iLow >= 0) {
+            *out++ = static_cast<char>(iHigh << 4 | iLow);
+        }
+    }
+    bytes.resize(static_cast<size_t>(out - bytes.data()));
+    return bytes;
 }
 
 uint8_t iHexCharToUint8(char c)

@@ -64,6 +64,24 @@ TEST(AHexText, ComesBackAsItWas)
     EXPECT_EQ(szBytes, UnHexlify(szText.data(), static_cast<unsigned int>(szText.size())));
 }
 
+TEST(AHexText, MayHaveAnythingBetweenItsDigits)
+{
+    EXPECT_EQ("\xAB\xCD", UnHexlify("a--bc d", 7));
+    EXPECT_EQ("\xAB", UnHexlify(":AB:C:", 6)) << "an odd digit";
+    EXPECT_EQ("", UnHexlify("A", 1));
+    EXPECT_EQ("", UnHexlify("A---", 4));
+    EXPECT_EQ("", UnHexlify("-A", 2));
+    EXPECT_EQ("\xAB", UnHexlify("-AB", 3));
+}
+
+TEST(AHexText, IsMadeInTheRoomThatItTakes)
+{
+    const std::string szBytes(1000, 'x');
+    EXPECT_EQ(2000u, Hexlify(szBytes, 0).capacity());
+    EXPECT_EQ(3000u, Hexlify(szBytes, ':').capacity());
+    EXPECT_EQ(1000u, UnHexlify(std::string(2000, '7').data(), 2000).capacity());
+}
+
 TEST(AHexDigit, IsANumberAndAnyOtherCharacterIsItsCodeLess87)
 {
     EXPECT_EQ(0, iHexCharToUint8('0'));
