@@ -30,6 +30,9 @@ if(QUORCORE_SANITIZE)
     add_link_options(-fsanitize=${QUORCORE_SANITIZE})
 endif()
 
+file(RELATIVE_PATH path_to_sources ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+string(REGEX REPLACE "/$" "" path_to_sources "${path_to_sources}")
+
 # Gives a target of ours the flags that all of our code is compiled with.
 function(quorcore_compile_strictly target)
     target_compile_options(
@@ -40,8 +43,10 @@ function(quorcore_compile_strictly target)
                 -Wshadow
                 -Wconversion
                 $<$<BOOL:${QUORCORE_WERROR}>:-Werror>
-                # A log line names its source as "../src/X.cpp", wherever it was built.
+                # A log line names its source as "../src/X.cpp", wherever it was built, and also when
+                # a compiler cache has made its path a relative one.
                 -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=../
+                -fmacro-prefix-map=${path_to_sources}/=../
                 # 32-bit ARM: a backtrace ends at the first function without unwind tables.
                 -funwind-tables)
 endfunction()
