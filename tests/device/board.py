@@ -41,7 +41,7 @@ STATUS_LOST = 125  # the command's own status is not known
 MACHINE = ["-M", "virt", "-cpu", "cortex-a53", "-smp", "2", "-m", "1024"]
 EMULATOR = ["qemu-system-aarch64", "-nodefaults", "-nic", "none", "-display", "none", *MACHINE]
 LED_LINE = 6  # of the GPIO chip; 3 has the power key, which is taken away
-SDHCI_HOST_CONTROL = 0x28  # SD host controller specification, 2.2.15: bit 0 is the LED
+SDHCI_HOST_CONTROL = 0x28  # host control register of an SD host controller: bit 0 is the LED
 PL061_ALL_DATA = 0x3FC  # PL061 manual, 3.3.1: the address bits 9 to 2 select the lines
 
 

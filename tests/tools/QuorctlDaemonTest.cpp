@@ -34,18 +34,13 @@ protected:
 
     std::string szOutputOf(const std::vector<std::string>& args) const
     {
-        const ChildResult result = Run(args);
-        EXPECT_EQ(0, result.iExitCode);
-        EXPECT_EQ("", result.szErrors);
-        return result.szOutput;
+        return szGoodOutput(Run(args));
     }
 
     Json::Value JsonOf(std::vector<std::string> args) const
     {
         args.emplace_back("--json");
-        const std::vector<Json::Value> objects = JsonLines(szOutputOf(args));
-        EXPECT_EQ(1U, objects.size());
-        return objects.empty() ? Json::Value() : objects[0];
+        return OnlyObject(szOutputOf(args));
     }
 
     const CTempDirectory m_Directory;
@@ -198,18 +193,13 @@ protected:
     {
         args.insert(args.end(), target.begin(), target.end());
         args.insert(args.end(), {"--timeout", "20000"});
-        const ChildResult result = RunQuorctl(args);
-        EXPECT_EQ(0, result.iExitCode);
-        EXPECT_EQ("", result.szErrors);
-        return result.szOutput;
+        return szGoodOutput(RunQuorctl(args));
     }
 
     Json::Value JsonOf(std::vector<std::string> args) const
     {
         args.emplace_back("--json");
-        const std::vector<Json::Value> objects = JsonLines(szOutputOf(args));
-        EXPECT_EQ(1U, objects.size());
-        return objects.empty() ? Json::Value() : objects[0];
+        return OnlyObject(szOutputOf(args));
     }
 
     const CTempDirectory m_Directory;

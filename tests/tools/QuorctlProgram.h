@@ -64,6 +64,22 @@ inline std::vector<Json::Value> JsonLines(const std::string& szOutput)
     return objects;
 }
 
+/// @return What a command printed that has to end well and without a complaint.
+inline std::string szGoodOutput(const ChildResult& result)
+{
+    EXPECT_EQ(0, result.iExitCode);
+    EXPECT_EQ("", result.szErrors);
+    return result.szOutput;
+}
+
+/// @return The JSON object of an output of one line.
+inline Json::Value OnlyObject(const std::string& szOutput)
+{
+    const std::vector<Json::Value> objects = JsonLines(szOutput);
+    EXPECT_EQ(1U, objects.size());
+    return objects.empty() ? Json::Value() : objects[0];
+}
+
 /// @brief A quorctl whose daemon is played by the test, one connection at a time.
 class AQuorctl : public ::testing::Test
 {
