@@ -26,9 +26,9 @@
  * for the owner alone (0700).
  *
  * The directory belongs to one process: it is locked with flock(2) as long as this object lives,
- * and waited for 2 s when another one has it. A
- * daemon calls bOpen() as the user that it runs as, before its threads run, and bSave() upon
- * EVT_DATABASE_SAVE and at its end. What did not change since the last time is not written again.
+ * and waited for 2 s when another one has it. A daemon calls bOpen() as the user that it runs as,
+ * before its threads run, and bSave() upon EVT_DATABASE_SAVE and at its end. What did not change
+ * since the last time is not written again.
  *
  * Threads: bSave() from any; it takes the tree's lock to look at the tree, not to write files.
  * Ownership: the tree is not owned. Errors: by return value, and each is logged; nothing throws but
