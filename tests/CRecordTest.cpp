@@ -274,6 +274,60 @@ TEST_F(ARecord, AddsToAMemberThatIsThereAlready)
               Json::FastWriter().write(value));
 }
 
+// A text is written while the labels are there, and needs no copies of them; a document of the
+// caller's may be kept, also one that was made with the same context after a text.
+TEST_F(ARecord, LeavesItsLabelsInADocumentThatOutlivesIt)
+{
+    Json::Value value;
+    {
+        CRecord root(nullptr, "a root that has gone by then");
+        CRecord sub(&root, "a record with a label on the heap");
+        const CNumber<int> number(&sub, "a number with a label on the heap", 0, 0, 9, 7);
+        CContextJson get = Context(CContextJson::eGet);
+        std::string szText;
+        EXPECT_TRUE(root.bSerializeStreamJson(get, szText, 5));
+        get.m_bRoot = true;
+        EXPECT_TRUE(root.bSerializeValueJson(get, value, 5));
+    }
+    EXPECT_EQ("{\"a record with a label on the heap\":{\"a number with a label on the heap\":7}}\n",
+              Json::FastWriter().write(value));
+}
+
+class CItem : public CRecord
+{
+public:
+    CItem(CObject* pParent, const char* szLabel) : CRecord(pParent, szLabel) {}
+    CNumber<int> m_Number{this, "a number with a label on the heap", 0, 0, 9, 7};
+};
+
+/// Empties a list when it is published, as another thread may do at that moment.
+class CRemover : public CObjectData
+{
+public:
+    CRemover(CObject* pParent, CListBase& list) : CObjectData(pParent, "remover"), m_list(list) {}
+    void SerializeJson(CContextJson& /*context*/, Json::Value& /*value*/, bool /*bArray*/,
+                       int /*iDepth*/) override
+    {
+        m_list.iRemove(m_list.pGetAt(0));
+    }
+
+private:
+    CListBase& m_list;
+};
+
+TEST_F(ARecord, PublishesItemsThatAreRemovedBeforeTheTextIsWritten)
+{
+    CRecord root(nullptr, "");
+    CList<CItem> list(&root, "list", 1);
+    list.iAdd(list.pNewObject(), true);
+    CRemover remover(&root, list);
+    CContextJson get = Context(CContextJson::eGet);
+    std::string szText;
+    EXPECT_TRUE(root.bSerializeStreamJson(get, szText, 5));
+    EXPECT_EQ("{\"list\":[{\"a number with a label on the heap\":7}]}\n", szText);
+    EXPECT_EQ(0, list.iGetNbr());
+}
+
 TEST_F(ARecord, PublishesItsMembersIntoAnElement)
 {
     Json::Value element;
