@@ -266,7 +266,7 @@ bool CObjectData::bSerializeJson(CContextJson& context, std::string* pszOut, Jso
         const CForScope labelsStay(context.m_bLabelsStay, pValue == nullptr);
         SerializeJson(context, value, false, iDepth);
         if (pszOut != nullptr) {
-            *pszOut = szCompactJson(value);
+            *pszOut = pValue != nullptr ? szCompactJson(value) : szCompactJson(std::move(local));
         }
         return true;
     });
@@ -412,7 +412,7 @@ void CObjectData::BuildJsonError(CContextJson& context, std::string* pszError)
         error["object"] = m_pExtraData != nullptr ? std::string() : szGetFullName();
         error["cause"] = context.m_szCause;
     }
-    *pszError = szCompactJson(error);
+    *pszError = szCompactJson(std::move(error));
 }
 
 bool CObjectData::bMayPublish(CContextJson& context)
@@ -423,17 +423,18 @@ bool CObjectData::bMayPublish(CContextJson& context)
 void CObjectData::StoreJson(const CContextJson& context, Json::Value& value, bool bArray,
                             Json::Value form) const
 {
-    if (bArray) {
-        if (value.isNull() || value.isArray()) {
-            value.append(std::move(form));
-        }
-    } else if (!value.isNull() && !value.isObject()) {
+    const Json::ValueType type = value.type();
+    if (type != Json::nullValue && type != (bArray ? Json::arrayValue : Json::objectValue)) {
         return;
-    } else if (context.m_bLabelsStay) {
-        value[Json::StaticString(m_szLabel.c_str())] = std::move(form);
-    } else {
-        *value.demand(m_szLabel.data(), m_szLabel.data() + m_szLabel.size()) = std::move(form);
     }
+    if (bArray) {
+        value.append(std::move(form));
+        return;
+    }
+    Json::Value* const pMember =
+        context.m_bLabelsStay ? &value[Json::StaticString(m_szLabel.c_str())]
+                              : value.demand(m_szLabel.data(), m_szLabel.data() + m_szLabel.size());
+    pMember->swapPayload(form); // not moved: a form has no comments that would come with it
 }
 
 Json::Value* CObjectData::pFindOwnMember(Json::Value& value) const

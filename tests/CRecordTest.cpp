@@ -293,6 +293,25 @@ TEST_F(ARecord, LeavesItsLabelsInADocumentThatOutlivesIt)
               Json::FastWriter().write(value));
 }
 
+TEST_F(ARecord, LeavesTheDocumentOfACallerWhole)
+{
+    Json::Value value;
+    CContextJson get = Context(CContextJson::eGet);
+    std::string szText;
+    EXPECT_TRUE(m_Root.bSerializeJson(get, &szText, &value, 5));
+    EXPECT_EQ("{\"n\":4660,\"sub\":{\"s\":\"abc\"}}\n", szText);
+    EXPECT_EQ(szText, Json::FastWriter().write(value));
+}
+
+TEST_F(ARecord, PublishesTextsOfAnyLength)
+{
+    for (size_t size = 0; size < 1100; ++size) {
+        m_Text.SetVal(std::string(size, 'x'));
+        EXPECT_EQ("{\"n\":4660,\"sub\":{\"s\":\"" + m_Text.szGetVal() + "\"}}\n",
+                  szPublished(m_Root, Context(CContextJson::eGet)));
+    }
+}
+
 class CItem : public CRecord
 {
 public:
@@ -402,6 +421,44 @@ TEST_F(ARecord, KeepsTheCauseOfTheFirstRefusal)
 {
     EXPECT_EQ(403, lCheckText(m_Root, "{\"n\":99999,\"sub\":{\"s\":5}}", m_Put));
     EXPECT_EQ("n : Valeur d’attribut non prévue ou incohérente", m_Put.m_szCause);
+}
+
+/// A text that prepares its member before it is read or checked.
+class CPrepared : public CString
+{
+public:
+    using Preparation = void (*)(Json::Value& value);
+
+    CPrepared(CObject* pParent, const char* szLabel, Preparation preparation)
+        : CString(pParent, szLabel, "before"), m_preparation(preparation)
+    {
+    }
+    long iDeserializeJson(CContextJson& context, Json::Value& value) override
+    {
+        m_preparation(value);
+        return CString::iDeserializeJson(context, value);
+    }
+
+private:
+    Preparation m_preparation;
+};
+
+TEST_F(ARecord, HasChildrenThatPrepareTheirMembers)
+{
+    CPrepared added(&m_Root, "added", [](Json::Value& value) { value["added"] = "x"; });
+    CPrepared changed(&m_Root, "changed", [](Json::Value& value) { value["changed"] = "x"; });
+    CPrepared removed(&m_Root, "removed",
+                      [](Json::Value& value) { value.removeMember("removed"); });
+    CPrepared renamed(&m_Root, "renamed", [](Json::Value& value) {
+        value["renamed"] = value["formerName"];
+        value.removeMember("formerName");
+    });
+    CString last(&m_Root, "last", "before");
+    EXPECT_TRUE(bApply(m_Root, "{\"changed\":\"y\",\"formerName\":\"x\",\"last\":\"x\",\"n\":1,"
+                               "\"removed\":\"x\"}"));
+    EXPECT_EQ("{\"added\":\"x\",\"changed\":\"x\",\"last\":\"x\",\"n\":1,\"removed\":\"before\","
+              "\"renamed\":\"x\",\"sub\":{\"s\":\"abc\"}}\n",
+              szPublished(m_Root, Context(CContextJson::eGet)));
 }
 
 TEST_F(ARecord, IsDestroyedWithManyChildrenInAnyOrderInGoodTime)

@@ -1,6 +1,7 @@
 #include "internal/JsonText.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <iterator>
 #include <string_view>
@@ -9,110 +10,199 @@ namespace QuorCore
 {
 namespace
 {
-constexpr size_t kUsualBytes = 512; // of a record's text
+/// Text on its way into a string, a buffer at a time: most of it comes in pieces of a few bytes.
+class CTextOut
+{
+public:
+    explicit CTextOut(std::string& szOut) : m_szOut(szOut) {}
+    CTextOut(const CTextOut&) = delete;
+    CTextOut& operator=(const CTextOut&) = delete;
+
+    void Put(char c)
+    {
+        MakeRoom(1);
+        m_aBuffer[m_used++] = c;
+    }
+
+    void Put(const char* pBegin, const char* pEnd)
+    {
+        const auto size = static_cast<size_t>(pEnd - pBegin);
+        MakeRoom(size);
+        if (size > sizeof(m_aBuffer)) {
+            m_szOut.append(pBegin, size);
+        } else {
+            std::copy(pBegin, pEnd, m_aBuffer + m_used);
+            m_used += size;
+        }
+    }
+
+    void Put(std::string_view szText) { Put(szText.data(), szText.data() + szText.size()); }
+
+    void Flush()
+    {
+        m_szOut.append(m_aBuffer, m_used);
+        m_used = 0;
+    }
+
+private:
+    void MakeRoom(size_t size)
+    {
+        if (size > sizeof(m_aBuffer) - m_used) {
+            Flush();
+        }
+    }
+
+    std::string& m_szOut;
+    size_t m_used = 0;
+    char m_aBuffer[512]; // of a record's text
+};
 
 /// What other writers than ours decide: texts to be escaped, and fractions.
-void AppendByFastWriter(std::string& szOut, const Json::Value& value)
+void PutByFastWriter(CTextOut& out, const Json::Value& value)
 {
-    szOut += szFastWriterJson(value);
-    szOut.pop_back(); // the line feed
+    const std::string szText = szFastWriterJson(value);
+    out.Put(std::string_view(szText).substr(0, szText.size() - 1)); // without the line feed
 }
 
-bool bIsPlain(char c)
+constexpr std::array<bool, 256> PlainCharacters()
 {
-    return c >= ' ' && c < 0x7F && c != '"' && c != '\\';
+    std::array<bool, 256> plain = {};
+    for (size_t i = ' '; i < 0x7F; ++i) {
+        plain[i] = i != '"' && i != '\\';
+    }
+    return plain;
 }
 
-void AppendText(std::string& szOut, const char* pBegin, const char* pEnd)
+bool bIsPlain(const char* pBegin, const char* pEnd)
 {
-    if (!std::all_of(pBegin, pEnd, bIsPlain)) {
-        AppendByFastWriter(szOut, Json::Value(pBegin, pEnd));
+    static constexpr std::array<bool, 256> kPlain = PlainCharacters();
+    bool bPlain = true; // to the end without a branch: nearly all texts are
+    for (const char* pNext = pBegin; pNext != pEnd; ++pNext) {
+        bPlain &= kPlain[static_cast<unsigned char>(*pNext)];
+    }
+    return bPlain;
+}
+
+void PutText(CTextOut& out, const char* pBegin, const char* pEnd)
+{
+    if (!bIsPlain(pBegin, pEnd)) {
+        PutByFastWriter(out, Json::Value(pBegin, pEnd));
         return;
     }
-    szOut += '"';
-    szOut.append(pBegin, pEnd);
-    szOut += '"';
+    out.Put('"');
+    out.Put(pBegin, pEnd);
+    out.Put('"');
 }
 
 template <class Integer>
-void AppendNumber(std::string& szOut, Integer iNumber)
+void PutNumber(CTextOut& out, Integer iNumber)
 {
     char aDigits[24]; // of 64 bits, with a sign
-    const auto end = std::to_chars(std::begin(aDigits), std::end(aDigits), iNumber).ptr;
-    szOut.append(aDigits, end);
+    out.Put(aDigits, std::to_chars(std::begin(aDigits), std::end(aDigits), iNumber).ptr);
 }
 
-void Append(std::string& szOut, const Json::Value& value); // each calls the other
-
-void AppendArray(std::string& szOut, const Json::Value& array)
+/// A document that nobody else needs goes as it is written, container by container: what a large
+/// one has in memory is looked at once, and not once more when it has left the caches.
+void Release(const Json::Value& /*value*/) {}
+void Release(Json::Value& value)
 {
-    szOut += '[';
-    for (auto element = array.begin(); element != array.end(); ++element) {
-        if (element != array.begin()) {
-            szOut += ',';
-        }
-        Append(szOut, *element);
-    }
-    szOut += ']';
+    Json::Value empty;
+    value.swapPayload(empty);
 }
 
-void AppendObject(std::string& szOut, const Json::Value& object)
+template <class Value>
+void Put(CTextOut& out, Value& value); // each calls the other
+
+template <class Value>
+void PutArray(CTextOut& out, Value& array)
 {
-    szOut += '{';
-    for (auto member = object.begin(); member != object.end(); ++member) {
-        if (member != object.begin()) {
-            szOut += ',';
+    const auto begin = array.begin();
+    const auto end = array.end();
+    out.Put('[');
+    for (auto element = begin; element != end; ++element) {
+        if (element != begin) {
+            out.Put(',');
         }
-        const char* pEnd = nullptr;
-        const char* const pName = member.memberName(&pEnd);
-        AppendText(szOut, pName, pEnd);
-        szOut += ':';
-        Append(szOut, *member);
+        Put(out, *element);
     }
-    szOut += '}';
+    out.Put(']');
 }
 
-void Append(std::string& szOut, const Json::Value& value)
+template <class Value>
+void PutObject(CTextOut& out, Value& object)
+{
+    const auto begin = object.begin();
+    const auto end = object.end();
+    out.Put('{');
+    for (auto member = begin; member != end; ++member) {
+        if (member != begin) {
+            out.Put(',');
+        }
+        const char* pNameEnd = nullptr;
+        const char* const pName = member.memberName(&pNameEnd);
+        PutText(out, pName, pNameEnd);
+        out.Put(':');
+        Put(out, *member);
+    }
+    out.Put('}');
+}
+
+template <class Value>
+void Put(CTextOut& out, Value& value)
 {
     const char* pBegin = nullptr;
     const char* pEnd = nullptr;
     switch (value.type()) {
     case Json::nullValue:
-        szOut += "null";
+        out.Put("null");
         break;
     case Json::intValue:
-        AppendNumber(szOut, value.asLargestInt());
+        PutNumber(out, value.asLargestInt());
         break;
     case Json::uintValue:
-        AppendNumber(szOut, value.asLargestUInt());
+        PutNumber(out, value.asLargestUInt());
         break;
     case Json::realValue:
-        AppendByFastWriter(szOut, value);
+        PutByFastWriter(out, value);
         break;
     case Json::booleanValue:
-        szOut += value.asBool() ? "true" : "false";
+        out.Put(value.asBool() ? "true" : "false");
         break;
     case Json::stringValue:
         if (value.getString(&pBegin, &pEnd)) {
-            AppendText(szOut, pBegin, pEnd);
+            PutText(out, pBegin, pEnd);
         }
         break;
     case Json::arrayValue:
-        AppendArray(szOut, value);
+        PutArray(out, value);
+        Release(value);
         break;
     case Json::objectValue:
-        AppendObject(szOut, value);
+        PutObject(out, value);
+        Release(value);
         break;
     }
+}
+
+template <class Value>
+std::string szCompact(Value& value)
+{
+    std::string szText;
+    CTextOut out(szText);
+    Put(out, value);
+    out.Put('\n');
+    out.Flush();
+    return szText;
 }
 } // namespace
 
 std::string szCompactJson(const Json::Value& value)
 {
-    std::string szOut;
-    szOut.reserve(kUsualBytes);
-    Append(szOut, value);
-    szOut += '\n';
-    return szOut;
+    return szCompact(value);
+}
+
+std::string szCompactJson(Json::Value&& document)
+{
+    return szCompact(document);
 }
 } // namespace QuorCore

@@ -32,6 +32,9 @@ inline bool bParseJson(const std::string& szText, Json::Value& value, std::strin
 ///         its copies of every name.
 std::string szCompactJson(const Json::Value& value);
 
+/// @return The same of a document that nobody else needs: nothing is left of what it contained.
+std::string szCompactJson(Json::Value&& document);
+
 /// @return The same by Json::FastWriter itself.
 inline std::string szFastWriterJson(const Json::Value& value)
 {
