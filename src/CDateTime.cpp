@@ -141,7 +141,7 @@ void CDateTime::DeserializeArrayJson(CContextJson& /*context*/, Json::Value& val
 {
     SetNull(value.isNull());
     if (value.isString()) {
-        bReadDateTime(value.asString().c_str(), false, m_Val);
+        bReadDateTime(value.asCString(), false, m_Val);
     }
 }
 

@@ -1,12 +1,14 @@
 #include "libQuorCore/CListBase.h"
 
 #include "internal/CHeldLock.h"
+#include "internal/CPlainStream.h"
 #include "internal/Digits.h"
 
 #include "libQuorCore/CString.h"
 #include "libQuorCore/CThread.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <limits>
 #include <utility>
@@ -115,7 +117,12 @@ long CListBase::iSerialize(CSerialize& stream)
 long CListBase::iReadItems(CSerialize& stream)
 {
     uint16_t iCount = 0;
-    long iRet = stream.iPopU16(iCount, "");
+    long iRet = 0;
+    if (const uint8_t* const pCount = CPlainStream::pPop(stream, sizeof(iCount))) {
+        std::memcpy(&iCount, pCount, sizeof(iCount));
+    } else {
+        iRet = stream.iPopU16(iCount, "");
+    }
     iRet = iRet == 0 ? CObject::iSerialize(stream) : iRet;
     if (iRet != 0) {
         return iRet;

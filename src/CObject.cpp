@@ -1,6 +1,7 @@
 #include "libQuorCore/CObject.h"
 
 #include "internal/CDispatcherGate.h"
+#include "internal/CPlainStream.h"
 
 #include "libQuorCore/CSerialize.h"
 #include "libQuorCore/CSerializeBuffer.h"
@@ -53,7 +54,15 @@ long CObject::iSerialize(CSerialize& stream)
     if (bIsAttributeNone()) {
         return 0;
     }
-    return stream.m_bSave ? stream.iPushU8(m_iAttribut, "") : stream.iPopU8(m_iAttribut, "");
+    if (stream.m_bSave) {
+        return stream.iPushU8(m_iAttribut, "");
+    }
+    const uint8_t* const pByte = CPlainStream::pPop(stream, 1);
+    if (pByte == nullptr) {
+        return stream.iPopU8(m_iAttribut, "");
+    }
+    m_iAttribut = *pByte;
+    return 0;
 }
 
 long CObject::iCheckStatus(CSerialize& stream, bool /*bReset*/)
