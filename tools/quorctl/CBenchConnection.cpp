@@ -3,21 +3,18 @@
 #include "Failure.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <sys/epoll.h>
-#include <sys/socket.h>
+#include <utility>
 
 namespace QuorCtl
 {
 namespace
 {
-constexpr size_t kReadBytes = 65536;
 constexpr size_t kPongBytesMax = 65536; // that wait; above, nothing is read until some are gone
 } // namespace
 
 CBenchConnection::CBenchConnection(BenchRun& run, const std::string& szPeer, CDescriptor socket)
-    : m_run(run), m_szPeer(szPeer), m_socket(std::move(socket)), m_decoder(szPeer)
+    : m_run(run), m_stream(szPeer, std::move(socket))
 {
 }
 
@@ -29,16 +26,8 @@ uint32_t CBenchConnection::Events() const
 
 void CBenchConnection::ReadSome()
 {
-    std::array<char, kReadBytes> bytes;
-    const ssize_t lRead = recv(m_socket.iGet(), bytes.data(), bytes.size(), 0);
-    if (lRead == 0 || (lRead == -1 && errno != EAGAIN && errno != EINTR)) {
-        FailClosed();
-    }
-    if (lRead > 0) {
-        m_bHeard = true;
-        m_decoder.Append(bytes.data(), static_cast<size_t>(lRead));
-    }
-    for (std::optional<CFrame> frame = m_decoder.Next(); frame; frame = m_decoder.Next()) {
+    m_stream.ReadSome();
+    for (std::optional<CFrame> frame = m_stream.Next(); frame; frame = m_stream.Next()) {
         Take(*frame);
     }
 }
@@ -52,7 +41,7 @@ void CBenchConnection::Take(const CFrame& frame)
         return;
     }
     if (frame.szData != m_run.szData) {
-        throw CRefusal(m_szPeer + " answered a ping with other data than it had");
+        throw CRefusal(m_stream.szPeer() + " answered a ping with other data than it had");
     }
     const auto roundTrip =
         std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - m_sent.front());
@@ -67,7 +56,7 @@ void CBenchConnection::WriteSome()
         // What is left of a ping that was sent in part; the block's end completes it.
         const size_t partial = m_pingBytes % m_run.frameBytes;
         if (partial == 0 && !m_szPongs.empty()) {
-            const size_t sent = Transmit(m_szPongs.data(), m_szPongs.size());
+            const size_t sent = m_stream.Write(m_szPongs.data(), m_szPongs.size());
             m_szPongs.erase(0, sent);
             if (!m_szPongs.empty()) {
                 return;
@@ -78,7 +67,8 @@ void CBenchConnection::WriteSome()
         }
         const size_t room = m_run.szBlock.size() - (partial != 0 ? m_run.frameBytes : 0);
         const size_t size = partial + std::min(m_pingBytes - partial, room);
-        const size_t sent = Transmit(m_run.szBlock.data() + m_run.szBlock.size() - size, size);
+        const size_t sent =
+            m_stream.Write(m_run.szBlock.data() + m_run.szBlock.size() - size, size);
         m_pingBytes -= sent;
         if (sent < size) {
             return;
@@ -94,20 +84,5 @@ void CBenchConnection::StartPings()
         m_sent.push_back(now);
         m_pingBytes += m_run.frameBytes;
     }
-}
-
-// The bytes that the kernel took.
-size_t CBenchConnection::Transmit(const char* pBytes, size_t size)
-{
-    const ssize_t lSent = send(m_socket.iGet(), pBytes, size, MSG_NOSIGNAL);
-    if (lSent == -1 && errno != EAGAIN && errno != EINTR) {
-        FailClosed();
-    }
-    return lSent > 0 ? static_cast<size_t>(lSent) : 0;
-}
-
-void CBenchConnection::FailClosed() const
-{
-    throw CLinkFailure(m_szPeer + " closed the connection");
 }
 } // namespace QuorCtl

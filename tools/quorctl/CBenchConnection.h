@@ -3,8 +3,7 @@
 #pragma once
 
 #include "CDeadline.h"
-#include "CDescriptor.h"
-#include "CFrameDecoder.h"
+#include "CFrameStream.h"
 #include "CLatencyHistogram.h"
 
 #include <cstdint>
@@ -35,8 +34,8 @@ public:
     /// @param run  Not owned; outlives the connection.
     CBenchConnection(BenchRun& run, const std::string& szPeer, CDescriptor socket);
 
-    int iFd() const { return m_socket.iGet(); }
-    bool bHeard() const { return m_bHeard; }          ///< Anything has come.
+    int iFd() const { return m_stream.iFd(); }
+    bool bHeard() const { return m_stream.bHeard(); } ///< Anything has come.
     size_t OnTheWay() const { return m_sent.size(); } ///< Pings without an answer.
     void ReadSome();                                  ///< When it is readable.
     void WriteSome();                                 ///< Whenever there may be room.
@@ -46,17 +45,12 @@ public:
 private:
     void Take(const CFrame& frame);
     void StartPings();
-    size_t Transmit(const char* pBytes, size_t size);
     bool bWantsToWrite() const { return m_pingBytes != 0 || !m_szPongs.empty(); }
-    [[noreturn]] void FailClosed() const;
 
     BenchRun& m_run;
-    std::string m_szPeer;
-    CDescriptor m_socket;
-    CFrameDecoder m_decoder;
+    CFrameStream m_stream;
     std::deque<Clock::time_point> m_sent; ///< Start of each ping that is on the way, oldest first.
     size_t m_pingBytes = 0;               ///< Of started pings, still to be written.
     std::string m_szPongs;                ///< To be written when no ping is half written.
-    bool m_bHeard = false;
 };
 } // namespace QuorCtl

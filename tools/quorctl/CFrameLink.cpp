@@ -94,8 +94,8 @@ CDescriptor Connect(const CTarget& target, const CDeadline& whole, int iWakeFd, 
 
 CFrameLink::CFrameLink(const CTarget& target, const CDeadline& deadline, int iWakeFd,
                        int iConnectLimitMs)
-    : m_szPeer(target.szName()), m_iWakeFd(iWakeFd),
-      m_socket(Connect(target, deadline, iWakeFd, iConnectLimitMs)), m_decoder(m_szPeer)
+    : m_iWakeFd(iWakeFd),
+      m_stream(target.szName(), Connect(target, deadline, iWakeFd, iConnectLimitMs))
 {
 }
 
@@ -103,15 +103,13 @@ void CFrameLink::Send(const CFrame& frame, const CDeadline& deadline)
 {
     const std::string szBytes = frame.szBytes();
     size_t sent = 0;
-    while (sent < szBytes.size()) {
-        const ssize_t lSent =
-            send(m_socket.iGet(), szBytes.data() + sent, szBytes.size() - sent, MSG_NOSIGNAL);
-        if (lSent >= 0) {
-            sent += static_cast<size_t>(lSent);
-        } else if (errno != EAGAIN && errno != EINTR) {
-            FailClosed();
-        } else if (!bAwaitFd(m_socket.iGet(), POLLOUT, deadline, m_iWakeFd)) {
-            throw CTimeOut(m_szPeer + " has read nothing for " +
+    for (;;) {
+        sent += m_stream.Write(szBytes.data() + sent, szBytes.size() - sent);
+        if (sent == szBytes.size()) {
+            return;
+        }
+        if (!bAwaitFd(m_stream.iFd(), POLLOUT, deadline, m_iWakeFd)) {
+            throw CTimeOut(szPeer() + " has read nothing for " +
                            std::to_string(deadline.iLimitMs()) + " ms");
         }
     }
@@ -119,9 +117,9 @@ void CFrameLink::Send(const CFrame& frame, const CDeadline& deadline)
 
 std::optional<CFrame> CFrameLink::ReceiveWithPings(const CDeadline& deadline)
 {
-    std::optional<CFrame> frame = m_decoder.Next();
+    std::optional<CFrame> frame = m_stream.Next();
     while (!frame && bReadSome(deadline)) {
-        frame = m_decoder.Next();
+        frame = m_stream.Next();
     }
     if (frame && frame->header.command == QuorCore::CMD_COMMUN_PING) {
         Send(PongFor(*frame), deadline);
@@ -155,7 +153,7 @@ CFrame CFrameLink::Exchange(const CFrame& request, uint16_t iAnswer, const CDead
     Send(request, deadline);
     CFrame answer = Await(iAnswer, deadline);
     if (answer.header.error != 0) {
-        throw CRefusal(m_szPeer + " answered command " + std::to_string(request.header.command) +
+        throw CRefusal(szPeer() + " answered command " + std::to_string(request.header.command) +
                        " with error " + std::to_string(answer.header.error));
     }
     return answer;
@@ -163,45 +161,32 @@ CFrame CFrameLink::Exchange(const CFrame& request, uint16_t iAnswer, const CDead
 
 void CFrameLink::Finish(const CDeadline& deadline)
 {
-    shutdown(m_socket.iGet(), SHUT_WR);
+    shutdown(m_stream.iFd(), SHUT_WR);
     const CDeadline limit(std::min(kFinishLimitMs, deadline.iRemainingMs()));
     std::array<char, kReadBytes> bytes;
-    while (bAwaitFd(m_socket.iGet(), POLLIN, limit, m_iWakeFd) && !limit.bPassed() &&
-           recv(m_socket.iGet(), bytes.data(), bytes.size(), 0) > 0) {
+    while (bAwaitFd(m_stream.iFd(), POLLIN, limit, m_iWakeFd) && !limit.bPassed() &&
+           recv(m_stream.iFd(), bytes.data(), bytes.size(), 0) > 0) {
     }
 }
 
 CTimeOut CFrameLink::NoAnswer(const CDeadline& deadline) const
 {
-    const std::string szLimit = std::to_string(deadline.iLimitMs()) + " ms from " + m_szPeer;
-    if (m_decoder.bMidFrame()) {
+    const std::string szLimit = std::to_string(deadline.iLimitMs()) + " ms from " + szPeer();
+    if (m_stream.bMidFrame()) {
         return CTimeOut("only a part of a frame in " + szLimit);
     }
     // An endpoint with one peer leaves others in the kernel's queue, where they look connected.
-    return CTimeOut("no answer in " + szLimit + (m_bHeard ? "" : " (is another peer connected?)"));
+    return CTimeOut("no answer in " + szLimit +
+                    (m_stream.bHeard() ? "" : " (is another peer connected?)"));
 }
 
 // Appends what is there, or waits for it. False: the deadline has passed.
 bool CFrameLink::bReadSome(const CDeadline& deadline)
 {
-    if (!bAwaitFd(m_socket.iGet(), POLLIN, deadline, m_iWakeFd)) {
+    if (!bAwaitFd(m_stream.iFd(), POLLIN, deadline, m_iWakeFd)) {
         return false;
     }
-    std::array<char, kReadBytes> bytes;
-    const ssize_t lRead = recv(m_socket.iGet(), bytes.data(), bytes.size(), 0);
-    if (lRead == 0 || (lRead == -1 && errno != EAGAIN && errno != EINTR)) {
-        FailClosed();
-    }
-    if (lRead > 0) {
-        m_bHeard = true;
-        m_decoder.Append(bytes.data(), static_cast<size_t>(lRead));
-    }
+    m_stream.ReadSome();
     return true;
-}
-
-void CFrameLink::FailClosed() const
-{
-    throw CLinkFailure(m_szPeer + " closed the connection" +
-                       (m_decoder.bMidFrame() ? " in the middle of a frame" : ""));
 }
 } // namespace QuorCtl

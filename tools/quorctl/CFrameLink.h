@@ -5,7 +5,7 @@
 #include "CDeadline.h"
 #include "CDescriptor.h"
 #include "CFrame.h"
-#include "CFrameDecoder.h"
+#include "CFrameStream.h"
 #include "CTarget.h"
 #include "Failure.h"
 
@@ -69,19 +69,15 @@ public:
      */
     void Finish(const CDeadline& deadline);
 
-    const std::string& szPeer() const { return m_szPeer; } ///< As messages call it.
+    const std::string& szPeer() const { return m_stream.szPeer(); } ///< As messages call it.
 
     /// @return The failure that tells of a deadline: whether anything came, and how much.
     CTimeOut NoAnswer(const CDeadline& deadline) const;
 
 private:
     bool bReadSome(const CDeadline& deadline);
-    [[noreturn]] void FailClosed() const;
 
-    std::string m_szPeer;
     int m_iWakeFd;
-    CDescriptor m_socket;
-    CFrameDecoder m_decoder;
-    bool m_bHeard = false; ///< At least one byte has come.
+    CFrameStream m_stream;
 };
 } // namespace QuorCtl
