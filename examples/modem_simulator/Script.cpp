@@ -13,23 +13,84 @@ namespace
 constexpr int kNumberMax = 24 * 3600 * 1000; // a day in ms
 
 constexpr const char* kBuiltIn = R"(
+set CMEE 0
+set CMGF 0
+set CSCS "IRA"
+set CREG 0
+set CGREG 0
+set FORMAT 0
+set SMS 1
 on AT
     OK
-on ATE0*
+on ATE0
     @echo off
     OK
-on ATE1*
+on ATE1
     @echo on
+    OK
+on ATV1
+    OK
+on ATQ0
+    OK
+on ATZ*
+    OK
+on AT&F*
+    OK
+on ATS3?
+    013
+    OK
+on ATS0=*
+    OK
+on ATS7=*
+    OK
+on ATL*
+    OK
+on ATX*
+    OK
+on AT&C*
+    OK
+on AT&D*
     OK
 on ATI
     Simulated Modem
     Revision 1.0
     OK
+on AT+GMI
+    Simulated
+    OK
+on AT+CGMI
+    Simulated
+    OK
+on AT+GMM
+    Modem
+    OK
+on AT+CGMM
+    Modem
+    OK
+on AT+GMR
+    1.0
+    OK
+on AT+CGMR
+    1.0
+    OK
+on AT+GCAP
+    +GCAP: +CGSM
+    OK
+on AT+CMEE?
+    +CMEE: $CMEE$
+    OK
 on AT+CMEE=*
+    @set CMEE $*$
+    OK
+on AT+CFUN?
+    +CFUN: 1
     OK
 on AT+CFUN=*
     OK
 on AT+CGSN
+    356938035643809
+    OK
+on AT+GSN
     356938035643809
     OK
 on AT+CIMI
@@ -45,17 +106,31 @@ on AT+CSQ
     +CSQ: 17,99
     OK
 on AT+CREG?
-    +CREG: 2,1,"00C3","0000ABCD",7
+    @if CREG=0 +CREG: 0,1
+    @if CREG=1 +CREG: 1,1
+    @if CREG=2 +CREG: 2,1,"00C3","0000ABCD",7
     OK
 on AT+CREG=*
+    @set CREG $*$
     OK
 on AT+CGREG?
-    +CGREG: 2,1,"00C3","0000ABCD",7
+    @if CGREG=0 +CGREG: 0,1
+    @if CGREG=1 +CGREG: 1,1
+    @if CGREG=2 +CGREG: 2,1,"00C3","0000ABCD",7
     OK
 on AT+CGREG=*
+    @set CGREG $*$
     OK
 on AT+COPS?
-    +COPS: 0,2,"20801",7
+    @if FORMAT=0 +COPS: 0,0,"Simulated Network",7
+    @if FORMAT=1 +COPS: 0,1,"SimNet",7
+    @if FORMAT=2 +COPS: 0,2,"20801",7
+    OK
+on AT+COPS=?
+    +COPS: (2,"Simulated Network","SimNet","20801",7),(1,"Second Network","2ndNet","20810",2),,(0,1,2,3,4),(0,1,2)
+    OK
+on AT+COPS=3,*
+    @set FORMAT $*$
     OK
 on AT+COPS=*
     OK
@@ -67,15 +142,65 @@ on AT+CEER
     OK
 on AT+CLIP=*
     OK
+on AT+CMGF?
+    +CMGF: $CMGF$
+    OK
+on AT+CMGF=?
+    +CMGF: (0,1)
+    OK
 on AT+CMGF=*
+    @set CMGF $*$
+    OK
+on AT+CSCS?
+    +CSCS: $CSCS$
+    OK
+on AT+CSCS=?
+    +CSCS: ("IRA","GSM")
     OK
 on AT+CSCS=*
+    @set CSCS $*$
+    OK
+on AT+CSCA?
+    +CSCA: "+33123456789",145
+    OK
+on AT+CSMS?
+    +CSMS: 0,1,1,1
+    OK
+on AT+CNMI=?
+    +CNMI: (0-2),(0-3),(0,2),(0-2),(0,1)
     OK
 on AT+CNMI=*
     OK
+on AT+CPMS?
+    +CPMS: "SM",$SMS$,20,"SM",$SMS$,20,"SM",$SMS$,20
+    OK
+on AT+CPMS=?
+    +CPMS: ("SM"),("SM"),("SM")
+    OK
+on AT+CPMS="SM"*
+    +CPMS: $SMS$,20,$SMS$,20,$SMS$,20
+    OK
 on AT+CMGR=*
-    +CMGR: "REC UNREAD","+33123456789",,"26/11/22,00:00:00+04"
-    Hello
+    @if SMS=0 +CMS ERROR: 321
+    @if SMS=1 @if CMGF=0 +CMGR: 0,,24
+    @if SMS=1 @if CMGF=0 @raw 07913321436587F9040B913321436587F900006211220000004005C8329BFD06\x0D\x0A
+    @if SMS=1 @if CMGF=1 +CMGR: "REC UNREAD","+33123456789",,"26/11/22,00:00:00+04"
+    @if SMS=1 @if CMGF=1 @raw Hello\x0D\x0A
+    @if SMS=1 OK
+on AT+CMGL*
+    @if SMS=1 @if CMGF=0 +CMGL: 1,0,,24
+    @if SMS=1 @if CMGF=0 @raw 07913321436587F9040B913321436587F900006211220000004005C8329BFD06\x0D\x0A
+    @if SMS=1 @if CMGF=1 +CMGL: 1,"REC UNREAD","+33123456789",,"26/11/22,00:00:00+04"
+    @if SMS=1 @if CMGF=1 @raw Hello\x0D\x0A
+    OK
+on AT+CMGD=1
+    @set SMS 0
+    OK
+on AT+CMGD=1,0
+    @set SMS 0
+    OK
+on AT+CMGD=1,4
+    @set SMS 0
     OK
 on AT+CMGD=*
     OK
@@ -83,12 +208,16 @@ on AT+CMGS=*
     @prompt
     +CMGS: 1
     OK
+on ATD*99*
+    CONNECT 115200
+on ATDT*99*
+    CONNECT 115200
 on ATD*
     @delay 500
     NO CARRIER
 on ATH*
     OK
-on *
+on AT*
     ERROR
 )";
 
@@ -144,12 +273,38 @@ std::string szTakeWord(std::string& szText)
     return szWord;
 }
 
+// Splits off what is before the "=".
+std::string szTakeName(std::string& szText)
+{
+    const size_t nEnd = szText.find('=');
+    if (nEnd == std::string::npos) {
+        throw std::runtime_error("'" + szText + "' names no value");
+    }
+    const std::string szName = szText.substr(0, nEnd);
+    szText.erase(0, nEnd + 1);
+    return szName;
+}
+
 step_t ParseStep(std::string szText)
 {
+    if (szText.empty()) {
+        throw std::runtime_error("there is nothing to do");
+    }
     if (szText.front() != '@') {
         return {step_t::LINE, szUnescape(szText)};
     }
     const std::string szWord = szTakeWord(szText);
+    if (szWord == "@if") {
+        std::string szValue = szTakeWord(szText);
+        const std::string szName = szTakeName(szValue);
+        step_t step = ParseStep(szText);
+        step.only[szName] = szValue;
+        return step;
+    }
+    if (szWord == "@set") {
+        const std::string szName = szTakeWord(szText);
+        return {step_t::SET, szText, 0, szName};
+    }
     if (szWord == "@delay") {
         return {step_t::DELAY, "", iNumber(szText)};
     }
@@ -175,6 +330,11 @@ step_t ParseStep(std::string szText)
 steps_t* pBeginBlock(script_t& script, std::string szText)
 {
     const std::string szWord = szTakeWord(szText);
+    if (szWord == "set") {
+        const std::string szName = szTakeWord(szText);
+        script.settings[szName] = szText;
+        return nullptr;
+    }
     if (szWord == "on" || szWord == "once") {
         script.reactions.push_back({szText, szWord == "once", {}});
         return &script.reactions.back().steps;
@@ -291,6 +451,19 @@ bool bFits(const std::string& szPattern, const std::string& szCommand)
         return szPattern == szCommand;
     }
     return szCommand.compare(0, szPattern.size() - 1, szPattern, 0, szPattern.size() - 1) == 0;
+}
+
+std::string szExpand(const std::string& szText, const std::map<std::string, std::string>& settings)
+{
+    std::string szExpanded = szText;
+    for (const auto& [szName, szValue] : settings) {
+        const std::string szPlace = '$' + szName + '$';
+        for (size_t n = 0; (n = szExpanded.find(szPlace, n)) != std::string::npos;) {
+            szExpanded.replace(n, szPlace.size(), szValue);
+            n += szValue.size();
+        }
+    }
+    return szExpanded;
 }
 
 script_t ReadScript(const std::string& szFile)

@@ -16,16 +16,19 @@ struct step_t {
         ECHO_ON, // repeats what it is sent, from the next command on
         ECHO_OFF,
         HANG_UP, // goes away, and comes back after so many ms; for good when 0
+        SET,     // notes the text as the value of a setting
     };
     eKind eKind;
-    std::string szText;
+    std::string szText; // "$NAME$" in it stands for the value of a setting
     int iNumber = 0;
+    std::string szSetting = {};                   // of SET
+    std::map<std::string, std::string> only = {}; // done only if these settings have these values
 };
 using steps_t = std::vector<step_t>;
 
 // What follows a command.
 struct reaction_t {
-    std::string szPattern; // a "*" at its end stands for anything
+    std::string szPattern; // a "*" at its end stands for anything, and "$*$" in the steps for that
     bool bOnce;            // then the next one that fits counts
     steps_t steps;
 };
@@ -41,6 +44,7 @@ struct script_t {
     std::vector<reaction_t> reactions; // the first that fits counts
     std::vector<timed_t> timed;
     std::map<int, steps_t> signals; // by number
+    std::map<std::string, std::string> settings;
 };
 
 // Reads a script; README.md of this folder has its form. Throws std::runtime_error.
@@ -54,3 +58,6 @@ script_t ReadFlightRecord(const std::string& szFile);
 script_t BuiltInScript();
 
 bool bFits(const std::string& szPattern, const std::string& szCommand);
+
+// Puts the value of each setting in the place of its "$NAME$".
+std::string szExpand(const std::string& szText, const std::map<std::string, std::string>& settings);

@@ -1,5 +1,7 @@
 #include "Simulator.h"
 
+#include "CommandLine.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -79,6 +81,8 @@ void Simulator::UnPlug()
     close(m_iFar);
     m_iFar = m_iHeld = -1;
     m_szCommand.clear();
+    m_szPayload.clear();
+    m_rest.clear();
     m_bAtPrompt = false;
 }
 
@@ -134,7 +138,7 @@ void Simulator::TakeBytes(const char* pBytes, size_t nBytes)
         if (m_bAtPrompt) {
             TakeForPrompt(*pBytes);
         } else if (*pBytes == '\r') {
-            React(std::exchange(m_szCommand, ""));
+            ReactToLine(std::exchange(m_szCommand, ""));
             DoDueSteps(); // what follows may belong to a prompt already
         } else if (*pBytes == kEscape) {
             m_szCommand.clear();
@@ -150,28 +154,71 @@ void Simulator::TakeForPrompt(char c)
         m_steps.assign({{step_t::LINE, "OK"}});
     }
     if (c == kCtrlZ || c == kEscape) {
+        Trace('^', std::exchange(m_szPayload, "") + (c == kEscape ? "\x1b" : ""));
         m_bAtPrompt = false;
         m_resume = steady_clock::now();
-    } else if (c == '\r') {
+        return;
+    }
+    m_szPayload += c;
+    if (c == '\r') {
         Say("\r\n> ");
     }
 }
 
-void Simulator::React(const std::string& szCommand)
+// A new line puts an end to what is left of the one before.
+void Simulator::ReactToLine(const std::string& szLine)
 {
-    if (szCommand.empty()) {
+    if (szLine.empty()) {
         return;
     }
-    const auto found =
-        std::find_if(m_script.reactions.begin(), m_script.reactions.end(),
-                     [&](const reaction_t& entry) { return bFits(entry.szPattern, szCommand); });
-    if (found == m_script.reactions.end()) {
-        return; // silent
+    Trace('>', szLine);
+    const std::vector<std::string> commands = CommandsOf(szLine);
+    m_rest.clear();
+    if (commands.empty() || (commands.size() > 1 && pFind(szLine, true) != nullptr)) {
+        bReact(szLine, !commands.empty());
+    } else {
+        m_rest.assign(commands.begin(), commands.end());
+        ReactToRest();
     }
-    Enqueue(found->steps);
-    if (found->bOnce) {
-        m_script.reactions.erase(found);
+}
+
+void Simulator::ReactToRest()
+{
+    const std::string szCommand = m_rest.front();
+    m_rest.pop_front();
+    if (!bReact(szCommand, false)) {
+        m_rest.clear(); // silent
     }
+}
+
+// bWhole: a "*" stands for nothing else. A line of several commands that a script, such as a
+// replayed one, has as it is, is not taken apart.
+reaction_t* Simulator::pFind(const std::string& szCommand, bool bWhole)
+{
+    const auto found = std::find_if(
+        m_script.reactions.begin(), m_script.reactions.end(), [&](const reaction_t& entry) {
+            return bWhole ? entry.szPattern == szCommand : bFits(entry.szPattern, szCommand);
+        });
+    return found != m_script.reactions.end() ? &*found : nullptr;
+}
+
+// Returns false when there is no such reaction.
+bool Simulator::bReact(const std::string& szCommand, bool bWhole)
+{
+    reaction_t* const pFound = pFind(szCommand, bWhole);
+    if (pFound == nullptr) {
+        return false;
+    }
+    steps_t steps = pFound->steps;
+    const size_t nFixed = std::min(pFound->szPattern.size() - 1, szCommand.size());
+    for (step_t& step : steps) {
+        step.szText = szExpand(step.szText, {{"*", szCommand.substr(nFixed)}});
+    }
+    if (pFound->bOnce) {
+        m_script.reactions.erase(m_script.reactions.begin() + (pFound - m_script.reactions.data()));
+    }
+    Enqueue(steps);
+    return true;
 }
 
 void Simulator::Enqueue(const steps_t& steps)
@@ -208,8 +255,18 @@ void Simulator::DoDueSteps()
     while (bStepIsDue() && m_resume <= steady_clock::now()) {
         const step_t step = m_steps.front();
         m_steps.pop_front();
-        Do(step);
+        if (bIsToBeDone(step)) {
+            Do(step);
+        }
     }
+}
+
+bool Simulator::bIsToBeDone(const step_t& step) const
+{
+    return std::all_of(step.only.begin(), step.only.end(), [this](const auto& condition) {
+        const auto found = m_script.settings.find(condition.first);
+        return found != m_script.settings.end() && found->second == condition.second;
+    });
 }
 
 void Simulator::Do(const step_t& step)
@@ -219,10 +276,13 @@ void Simulator::Do(const step_t& step)
     }
     switch (step.eKind) {
     case step_t::LINE:
-        Say("\r\n" + step.szText + "\r\n");
+        SayLine(szExpand(step.szText, m_script.settings));
         break;
     case step_t::RAW:
-        Say(step.szText);
+        Say(szExpand(step.szText, m_script.settings));
+        break;
+    case step_t::SET:
+        m_script.settings[step.szSetting] = szExpand(step.szText, m_script.settings);
         break;
     case step_t::DELAY:
         m_resume = steady_clock::now() + milliseconds(step.iNumber);
@@ -250,6 +310,33 @@ void Simulator::Do(const step_t& step)
         }
         break;
     }
+}
+
+// The commands of a line have one result: that of the last, or of the first that fails.
+void Simulator::SayLine(const std::string& szLine)
+{
+    if (szLine == "OK" && !m_rest.empty()) {
+        ReactToRest();
+        return;
+    }
+    if (bIsFinal(szLine)) {
+        m_rest.clear();
+    }
+    Say("\r\n" + szLine + "\r\n");
+}
+
+void Simulator::Trace(char cMark, const std::string& szText) const
+{
+    if (!m_bTrace) {
+        return;
+    }
+    std::string szReadable;
+    for (const char c : szText) {
+        std::array<char, sizeof("\\xHH")> aCode{};
+        std::snprintf(aCode.data(), aCode.size(), "\\x%02X", static_cast<unsigned char>(c));
+        szReadable += c >= ' ' && c <= '~' ? std::string(1, c) : aCode.data();
+    }
+    std::printf("%c %s\n", cMark, szReadable.c_str());
 }
 
 // Writes, torn to pieces when told so; the rest of a torn text is the next step. What the line does

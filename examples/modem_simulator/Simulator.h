@@ -22,6 +22,10 @@ public:
 
     const std::string& szDevice() const { return m_szDevice; }
 
+    // Prints what comes: "> " and a command line, "^ " and a text, with \xHH for control
+    // characters.
+    void SetTrace(bool bOn) { m_bTrace = bOn; }
+
     // Plays until SIGTERM or SIGINT. iSignals: a signalfd(2) of all signals that count.
     void Run(int iSignals);
 
@@ -32,8 +36,14 @@ private:
     void UnPlug();
     void TakeBytes(const char* pBytes, size_t nBytes);
     void TakeForPrompt(char c);
-    void React(const std::string& szCommand);
+    void ReactToLine(const std::string& szLine);
+    reaction_t* pFind(const std::string& szCommand, bool bWhole);
+    bool bReact(const std::string& szCommand, bool bWhole);
+    void ReactToRest();
     void Enqueue(const steps_t& steps);
+    bool bIsToBeDone(const step_t& step) const;
+    void SayLine(const std::string& szLine);
+    void Trace(char cMark, const std::string& szText) const;
     bool bStepIsDue() const;
     void DoDueSteps();
     void Do(const step_t& step);
@@ -50,6 +60,9 @@ private:
     bool m_bAtPrompt = false;
     int m_iPieceBytes = 0;   // 0: no tearing
     std::string m_szCommand; // what was received of it
+    std::string m_szPayload; // what was received at the prompt
+    bool m_bTrace = false;
+    std::deque<std::string> m_rest; // commands of the line that are not begun
     std::deque<step_t> m_steps;
     time_point m_resume{};                            // nothing is done before
     std::vector<std::pair<time_point, size_t>> m_due; // of m_script.timed

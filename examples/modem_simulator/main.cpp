@@ -15,14 +15,17 @@ constexpr int kUsageError = 2;
 
 constexpr const char* kUsage =
     "usage: modem_simulator [--echo] [--link PATH] [--script FILE] [--replay FILE]\n"
+    "                       [--trace]\n"
     "  --echo         repeat what is received; ATE0 and ATE1 switch it, too\n"
     "  --link PATH    make PATH a symbolic link to the device, as long as the modem is there\n"
     "  --script FILE  reactions that come before the built-in ones\n"
     "  --replay FILE  reactions from a flight record, and no built-in ones\n"
+    "  --trace        print the commands and the texts that come\n"
     "Prints the path of the device and answers until SIGTERM or SIGINT.\n";
 
 struct options_t {
     bool bEcho = false;
+    bool bTrace = false;
     std::string szLink;
     std::string szScript;
     std::string szRecord;
@@ -34,6 +37,8 @@ bool bParse(const std::vector<std::string>& args, options_t& options)
         const bool bValue = i + 1 < args.size();
         if (args[i] == "--echo") {
             options.bEcho = true;
+        } else if (args[i] == "--trace") {
+            options.bTrace = true;
         } else if (args[i] == "--link" && bValue) {
             options.szLink = args[++i];
         } else if (args[i] == "--script" && bValue) {
@@ -50,6 +55,8 @@ bool bParse(const std::vector<std::string>& args, options_t& options)
 void Append(script_t& script, const script_t& more)
 {
     script.reactions.insert(script.reactions.end(), more.reactions.begin(), more.reactions.end());
+    script.settings.insert(more.settings.begin(),
+                           more.settings.end()); // what is set already, stays
 }
 
 script_t ScriptOf(const options_t& options)
@@ -84,8 +91,9 @@ int main(int argc, char** argv)
     try {
         const int iSignals = iSignalsThatCount(); // before anybody knows that it is ready
         Simulator simulator(ScriptOf(options), options.szLink, options.bEcho);
+        std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // whoever waits for a line gets it
         std::printf("%s\n", simulator.szDevice().c_str());
-        std::fflush(stdout);
+        simulator.SetTrace(options.bTrace);
         simulator.Run(iSignals);
         close(iSignals);
     } catch (const std::exception& exception) {

@@ -108,6 +108,56 @@ TEST_F(AModemSimulator, MisbehavesAsItsScriptSays)
     EXPECT_EQ(11, Ask("AT+MUTE").iError);
 }
 
+TEST_F(AModemSimulator, AnswersTheCommandsOfALineOneAfterTheOther)
+{
+    StartScript("on AT+TWO;+TWO\n"
+                "    both\n"
+                "    OK\n"
+                "on AT+TWO\n"
+                "    one\n"
+                "    OK\n");
+    EXPECT_THAT(Ask("ate0 v1+csq;+CGSN").lines, ElementsAre("+CSQ: 17,99", "356938035643809"));
+    EXPECT_THAT(Ask("ATE0S3?+TWO").lines, ElementsAre("013", "one"));
+    EXPECT_THAT(Ask("AT+TWO;+TWO").lines, ElementsAre("both")); // as its script has it
+    EXPECT_THAT(Ask("AT+CSCS=\"a;B\";+cscs?").lines, ElementsAre("+CSCS: \"a;B\""));
+    const atResult_t failed = Ask("AT+CSQ;+NONSENSE;+CGSN");
+    EXPECT_EQ(AT_MODEM_ERROR, failed.lResult);
+    EXPECT_THAT(failed.lines, ElementsAre("+CSQ: 17,99")); // nothing of what came behind
+    EXPECT_EQ("NO CARRIER", Ask("ATE0DT123;").szFinal);    // that ";" is the call's own
+}
+
+TEST_F(AModemSimulator, RemembersWhatItIsTold)
+{
+    StartScript("set CMEE 2\n"
+                "set X a\n"
+                "on AT+X\n"
+                "    @if X=a @if CMEE=1 no\n"
+                "    @if X=a @if CMEE=2 $X$ of $Y$\n"
+                "    OK\n");
+    EXPECT_THAT(Ask("AT+CMEE?").lines, ElementsAre("+CMEE: 2"));
+    EXPECT_THAT(Ask("AT+X").lines, ElementsAre("a of $Y$"));
+    EXPECT_THAT(Ask("AT+CMGF=1;+CMGF?").lines, ElementsAre("+CMGF: 1"));
+    EXPECT_THAT(
+        Ask("AT+CMGL=\"ALL\"").lines,
+        ElementsAre("+CMGL: 1,\"REC UNREAD\",\"+33123456789\",,\"26/11/22,00:00:00+04\"", "Hello"));
+    EXPECT_EQ(0, Ask("AT+CMGD=1").lResult);
+    EXPECT_THAT(Ask("AT+CMGL=\"ALL\"").lines, ElementsAre());
+    EXPECT_EQ(321, Ask("AT+CMGR=1").iError);
+}
+
+TEST_F(AModemSimulator, ShowsWhatItIsSent)
+{
+    Start({"--trace"});
+    Connect();
+    atCommand_t sms;
+    sms.szText = "AT+CMGS=\"+331\"";
+    sms.bPrompt = true;
+    sms.szPayload = "Hello\rOK";
+    atResult_t result;
+    EXPECT_EQ(0, m_Modem.lCommand(sms, result));
+    EXPECT_TRUE(m_pSimulator->bAwaitOutput("> AT+CMGS=\"+331\"\n^ Hello\\x0DOK\n"));
+}
+
 TEST_F(AModemSimulator, GoesAwayAndComesBack)
 {
     StartScript("signal USR1\n"
@@ -160,6 +210,12 @@ TEST_F(AModemSimulator, SaysWhichLineOfAScriptIsWrong)
     const ChildResult result = RunProgram({MODEM_SIMULATOR, "--script", szFile});
     EXPECT_EQ(1, result.iExitCode);
     EXPECT_THAT(result.szErrors, HasSubstr("line 2: 'soon' is no number"));
+    for (const char* const pszStep : {"@if X", "@if X=1", "@if X @delay 1"}) {
+        WriteFile(szFile, std::string("on AT\n    ") + pszStep + '\n');
+        EXPECT_THAT(RunProgram({MODEM_SIMULATOR, "--script", szFile}).szErrors,
+                    HasSubstr("line 2: "))
+            << pszStep;
+    }
     EXPECT_EQ(2, RunProgram({MODEM_SIMULATOR, "--nonsense"}).iExitCode);
     EXPECT_EQ(1, RunProgram({MODEM_SIMULATOR, "--replay", szFile}).iExitCode);
 }
