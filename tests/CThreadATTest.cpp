@@ -600,9 +600,9 @@ TEST_F(AThreadAT, LeavesThePromptOfATextThatWasGivenUp)
     ASSERT_TRUE(m_Pty.bSend("\r\n> "));
     auto next = Ask(Command("AT+CSQ", "+CSQ:"));
     ASSERT_EQ("\x1b"
-              "AT\r",
+              "ATV1S3?\r",
               m_Pty.szReceiveUntil("\r"));
-    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n"));
+    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n\r\n013\r\n\r\nOK\r\n"));
     ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
     EXPECT_EQ(0, next.get().lResult);
@@ -640,11 +640,62 @@ TEST_F(AThreadAT, IsDoneWithAnAnswerThatComesTooLate)
     EXPECT_THAT(m_Modem.m_Unclaimed.Get(), IsEmpty());
 }
 
-TEST_F(AThreadAT, WaitsForALateAnswerBeforeTheNextCommand)
+// At once, and not a moment after the modem has told that it owes nothing: the answer to the
+// question what it owes is like no other.
+TEST_F(AThreadAT, AsksWhetherALateAnswerComesBeforeTheNextCommand)
 {
     EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+CPIN?", "+CPIN:")).get().lResult);
     auto next = Ask(Command("AT+CSQ"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CPIN: READY\r\n\r\nOK\r\n"
+                            "ATV1S3?\r\r\n013\r\n\r\nOK\r\n"));
+    ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
+    EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
+    EXPECT_THAT(m_Modem.m_Unclaimed.Get(), IsEmpty());
+}
+
+// What a command costs that follows one whose answer was lost: two answers instead of one.
+TEST_F(AThreadAT, NeedsNoPauseAfterAnAnswerThatWasLost)
+{
+    auto shortest = milliseconds::max(); // the machine may be busy, not five times
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+CPIN?", "+CPIN:")).get().lResult);
+        const auto start = steady_clock::now();
+        auto next = Ask(Command("AT+CSQ"));
+        ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+        ASSERT_TRUE(m_Pty.bSend("\r\n013\r\n\r\nOK\r\n"));
+        ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
+        shortest = std::min(shortest,
+                            std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));
+        ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
+        EXPECT_EQ(0, next.get().lResult);
+    }
+    EXPECT_GT(milliseconds(150), shortest);
+}
+
+// The late answer may itself hold "013", or anything: then only silence tells.
+TEST_F(AThreadAT, WaitsForSilenceAfterACommandWhoseAnswerMayHoldAnything)
+{
+    EXPECT_EQ(-7, AskAndReceive(GivenUp("ATS3?")).get().lResult);
+    auto next = Ask(Command("AT+CSQ"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n013\r\n\r\nOK\r\n"));
+    EXPECT_EQ("", m_Pty.szReceive(1, 50));
+    ASSERT_TRUE(m_Pty.bSend("\r\n013\r\n\r\nOK\r\n"));
+    ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
+    EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
+}
+
+TEST_F(AThreadAT, WaitsForSilenceAfterAModemThatDoesNotKnowItsQuestion)
+{
+    EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+CPIN?", "+CPIN:")).get().lResult);
+    auto next = Ask(Command("AT+CSQ"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CPIN: READY\r\n\r\nOK\r\n"));
+    EXPECT_EQ("", m_Pty.szReceive(1, 50));
+    ASSERT_TRUE(m_Pty.bSend("\r\nERROR\r\n"));
     ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
     EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
@@ -657,8 +708,9 @@ TEST_F(AThreadAT, TakesTheTextOfALateAnswerForNoFinalLine)
     EXPECT_EQ(-7, AskAndReceive(command).get().lResult);
     auto next = Ask(Command("AT+CSQ"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CMGR: \"REC READ\"\r\nOK\r\n")); // a message: "OK"
-    EXPECT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));                 // it is not done yet
-    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n\r\nOK\r\n"));
+    EXPECT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+    EXPECT_EQ("", m_Pty.szReceive(1, 300)); // it is not done yet
+    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n\r\n013\r\n\r\nOK\r\n"));
     ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
     EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
@@ -681,22 +733,20 @@ TEST_F(AThreadAT, TakesTheRestOfATextThatWasGivenUpForNoFinalLine)
     EXPECT_EQ(0, Exchange(Command("AT+CSQ"), "\r\nOK\r\n").lResult);
 }
 
-TEST_F(AThreadAT, AsksNothingForACommandThatWasCancelledBeforeItWasSent)
+TEST_F(AThreadAT, CancelsACommandThatWaitsForALateAnswer)
 {
-    EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+ONE")).get().lResult);
+    EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+ONE", "+ONE:")).get().lResult);
     atCommand_t command = Command("AT+TWO");
     command.iTag = 7;
-    const auto start = steady_clock::now();
     auto waiting = Ask(command);
-    EXPECT_EQ("", m_Pty.szReceive(1, 50)); // it waits for the late answer
-    ASSERT_TRUE(bAwait([this] { return m_Modem.Cancel(7) == 1; }));
-    if (steady_clock::now() - start > milliseconds(400)) {
-        GTEST_SKIP() << "too busy a machine: it may have asked before";
-    }
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+    EXPECT_EQ(1u, m_Modem.Cancel(7));
     EXPECT_EQ(AT_CANCELLED, waiting.get().lResult);
     auto next = Ask(Command("AT+THREE"));
-    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r")); // the only one
-    ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n\r\nOK\r\n"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n013\r\n\r\nOK\r\n"));
+    EXPECT_EQ("", m_Pty.szReceive(1, 50)); // that to the first question: another one comes
+    ASSERT_TRUE(m_Pty.bSend("\r\n013\r\n\r\nOK\r\n"));
     ASSERT_EQ("AT+THREE\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n"));
     EXPECT_EQ(0, next.get().lResult);
@@ -712,8 +762,9 @@ TEST_F(AThreadAT, WaitsForTheAnswerToACommandWhoseThreadWasCancelled)
     caller.Cancel();
     EXPECT_EQ(0u, m_Modem.nQueued());
     auto next = Ask(Command("AT+CSQ"));
-    EXPECT_EQ("", m_Pty.szReceive(1, 50));
-    ASSERT_TRUE(m_Pty.bSend("\r\n+CPIN: READY\r\n\r\nOK\r\n")); // not the next one's
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CPIN: READY\r\n\r\nOK\r\n" // not the next one's
+                            "\r\n013\r\n\r\nOK\r\n"));
     ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
     EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
@@ -726,7 +777,7 @@ TEST_F(AThreadAT, WakesNoThreadThatWasCancelledWhileItWaitedForALateAnswer)
     }
     EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+ONE")).get().lResult);
     CCancelledCaller caller(m_Modem, Command("AT+TWO"));
-    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
     caller.Cancel();
     ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\n\r\nOK\r\nEND\r\n"));
     ASSERT_TRUE(m_Modem.m_Unclaimed.bAwait(1));
@@ -770,7 +821,7 @@ TEST_F(AThreadAT, LetsTheLineComeToRestBeforeTheNextCommand)
 {
     EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+CPIN?", "+CPIN:")).get().lResult);
     auto next = Ask(Command("AT+CSQ"));
-    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));           // whether it is there at all
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));      // whether it is there at all
     ASSERT_TRUE(m_Pty.bSend("\r\n+CPIN: READY\r\n\r\nOK\r\n" // to the first
                             "\r\nOK\r\n"));                  // and to the second
     ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
@@ -784,10 +835,10 @@ TEST_F(AThreadAT, DoesNotSendACommandToAModemThatStaysMute)
     atCommand_t command = Command("AT+TWO");
     command.iTimeOut = 3000;
     auto next = Ask(command);
-    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
     EXPECT_EQ(-7, next.get().lResult);
     auto last = Ask(Command("AT+THREE"));
-    ASSERT_EQ("AT\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\nOK\r\nOK\r\nOK\r\n")); // it wakes up and answers all three
     ASSERT_EQ("AT+THREE\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\nERROR\r\n"));
@@ -804,7 +855,9 @@ TEST_F(AThreadAT, CancelsACommandThatWasSent)
     EXPECT_EQ(AT_CANCELLED, asking.get().lResult);
     EXPECT_EQ(0u, m_Modem.Cancel(7));
     auto next = Ask(Command("AT+CSQ"));
-    ASSERT_TRUE(m_Pty.bSend("\r\n+COPS: (2)\r\nOK\r\n")); // which is not the next one's
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+COPS: (2)\r\nOK\r\n" // which is not the next one's
+                            "\r\n013\r\n\r\nOK\r\n"));
     ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
     ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
     EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));

@@ -72,10 +72,13 @@ struct atResult_t {
  * A line may be as long as the capacity of Configure(); what is longer is logged at level 3 and
  * cut. 0 bytes, which many modems send while they start, are passed over.
  *
- * After a time-out the modem still owes an answer. It is waited for before the next command is
- * sent; if it does not come, "AT" is sent and everything thrown away until the line is silent
- * again. So no late answer is taken for that of another command. The time for it is the next
- * command's own, which ends with -7, unsent, when the modem stays mute.
+ * After a time-out the modem still owes an answer, and no late answer is taken for that of another
+ * command: before the next one is sent the modem is asked "ATV1S3?", to which it answers "013" when
+ * it is done with all that came before; an answer that is late comes first. That takes no longer
+ * than the modem does. Where the command that was given up has no prefix, or further lines, so that
+ * its own answer might look the same, or where the modem does not know the question, 200 ms of
+ * silence must follow. The time for it is the next command's own, which ends with -7, unsent, when
+ * the modem stays mute. A modem that answers in numbers is told by it to use words.
  *
  * iExchangeAT() works as on any serial port, beside the queue: who uses both sees to it that they
  * do not meet.

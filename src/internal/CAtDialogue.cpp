@@ -10,8 +10,13 @@ namespace QuorCore
 {
 namespace
 {
-constexpr long kLateAnswerMs = 500; // for an answer that was given up, before it is asked for
-constexpr long kQuietMs = 200;      // between the answers to two commands that the modem has got
+constexpr long kQuietMs = 200; // between the answers to two commands that the modem has got
+
+// What a modem is asked to learn what it still owes, ITU-T V.250, 6.2.1 and 6.2.6: to use words,
+// and for S3, the character that ends a command. Its answer is like that to no other command.
+constexpr char kQuestion[] = "ATV1S3?";
+constexpr char kItsAnswer[] = "013";
+
 constexpr size_t kAnswerBytesMax = 1024 * 1024; // of a modem that never ends
 constexpr char kEscape[] = "\x1b";              // leaves the prompt, 3GPP TS 27.005, 3.5.1
 constexpr char kCtrlZ[] = "\x1a";
@@ -146,50 +151,61 @@ bool CAtDialogue::bServePrompt(CAtCall& call, const CTimeLeft& time, const write
 
 /**
  * A modem that was given up may answer yet, and its answer looks like that to any other command. It
- * answers one after the other, though: when it has answered "AT" and goes on to say nothing, it has
- * either answered or forgotten all that came before.
+ * answers one after the other, though. So it is asked at once for what only the question's own
+ * answer holds: when that has come, all that was sent before is answered or forgotten. Where the
+ * answer that is owed might hold the same, or the modem does not know the question, it has to
+ * answer something, and then to say nothing for a while.
+ *
+ * Nothing is gained by waiting for the late answer before asking: it would come first all the same.
  *
  * @return False: it does not answer, or the command has ended.
  */
 bool CAtDialogue::bSettle(CAtCall& call, long lLimitMs, const write_t& write)
 {
     const CTimeLeft time(lLimitMs);
-    bool bEscape = false;
+    std::string szQuestion;
+    unsigned nLate = 0;
     {
         const std::lock_guard<std::mutex> held(m_lock);
         if (m_nOwed == 0) {
             return true;
         }
-        m_pSettling = &call;
-        bEscape = m_owed.bPrompt;
-    }
-    bool bSettled = bAwait(call, time.lAtMost(kLateAnswerMs), [this] { return m_nOwed == 0; });
-    unsigned nLate = 0;
-    if (!bSettled && time.lLeftMs() != 0 && bMarkAsked(call, nLate)) {
-        const auto bAnother = [this, &nLate] { return std::exchange(nLate, m_nLate) != nLate; };
-        bSettled = bSend(call, time, (bEscape ? kEscape : "") + std::string("AT\r"), write) &&
-                   bAwait(call, time.lLeftMs(), bAnother);
-        while (bSettled && bAwait(call, kQuietMs, bAnother)) {
+        if (time.lLeftMs() == 0 || call.m_eState == eAtCall::ENDED) {
+            return false;
         }
+        m_pSettling = &call;
+        szQuestion = (m_owed.bPrompt ? kEscape : "") + std::string(kQuestion) + '\r';
+        nLate = m_nLate;
+        ++m_nOwed;
+        ++m_nAsked;
+        Note(eFlightMark::COMMAND, kQuestion);
+    }
+    const auto bAnother = [this, &nLate] { return std::exchange(nLate, m_nLate) != nLate; };
+    bool bSettled = bSend(call, time, szQuestion, write) && bAwait(call, time.lLeftMs(), bAnother);
+    while (bSettled && !bKnowsAll() && bAwait(call, kQuietMs, bAnother)) {
     }
     const std::lock_guard<std::mutex> held(m_lock);
     m_pSettling = nullptr;
     bSettled = bSettled && call.m_eState != eAtCall::ENDED; // else nobody has seen it come to rest
-    m_nOwed = bSettled ? 0 : m_nOwed;
+    m_nOwed = std::max(m_nOwed, m_nAsked);
+    if (bSettled) {
+        OwesNothing();
+    }
     return bSettled;
 }
 
-/// "AT" is about to be sent for a command. @return False: that has ended.
-bool CAtDialogue::bMarkAsked(CAtCall& call, unsigned& nLate)
+/// @return Whether each question was answered as only it is.
+bool CAtDialogue::bKnowsAll() const
 {
     const std::lock_guard<std::mutex> held(m_lock);
-    if (call.m_eState == eAtCall::ENDED) {
-        return false;
-    }
-    ++m_nOwed;
-    nLate = m_nLate;
-    Note(eFlightMark::COMMAND, "AT");
-    return true;
+    return m_nAsked == 0;
+}
+
+void CAtDialogue::OwesNothing()
+{
+    m_nOwed = 0;
+    m_nAsked = 0;
+    m_bItsAnswer = false;
 }
 
 bool CAtDialogue::bMarkSent(CAtCall& call)
@@ -250,7 +266,7 @@ void CAtDialogue::LinkLost()
 {
     const std::lock_guard<std::mutex> held(m_lock);
     m_pSent = nullptr;
-    m_nOwed = 0;
+    OwesNothing();
     m_owed = {};
     m_iToCollect = 0;
     m_collected = {};
@@ -345,41 +361,52 @@ bool CAtDialogue::bTakeAsFinal(CAtCall& call, const CLineFramer::line_t& line)
     return true;
 }
 
-/// The answer to a command that was given up.
+/// The answer to a command that was given up, or to the question that followed.
 bool CAtDialogue::bTakeAsLate(const CLineFramer::line_t& line)
 {
     const std::string& szText = line.szText;
-    if (m_nOwed == 0) {
+    const bool bBlank = szText.empty() && m_owed.iPending == 0;
+    if ((m_nOwed == 0 && m_pSettling == nullptr) || bBlank) {
         return false;
     }
+    const bool bItsAnswer = std::exchange(m_bItsAnswer, false);
     if (m_owed.iPending > 0) {
         --m_owed.iPending;
-        Note(eFlightMark::LATE, szText);
-        return true;
-    }
-    if (bEnds(ParseFinal(szText), szText, m_owed.szCommand)) {
-        --m_nOwed;
-        ++m_nLate;
-        if (m_pSettling != nullptr) {
-            m_pSettling->m_Changed.iSetEvent();
-        }
-        Note(eFlightMark::LATE, szText);
-        return true;
-    }
-    if (!m_owed.szPrefix.empty() && bBeginsWith(szText, m_owed.szPrefix)) {
+    } else if (bEnds(ParseFinal(szText), szText, m_owed.szCommand)) {
+        TakeLateFinal(bItsAnswer);
+    } else if (m_nAsked > 0 && szText == kItsAnswer) {
+        m_bItsAnswer = true;
+    } else if (!m_owed.szPrefix.empty() && bBeginsWith(szText, m_owed.szPrefix)) {
         m_owed.iPending = std::max(m_owed.iFollowing, 0);
-        Note(eFlightMark::LATE, szText);
+    } else if (bIsEcho(line, m_owed.szCommand)) {
+        Note(eFlightMark::LATE, szMaskSecret(szText, m_owed.bSecret));
         return true;
-    }
-    if (bIsEcho(line, m_owed.szCommand) || szText == "AT") {
-        Note(eFlightMark::LATE, szMaskSecret(szText, m_owed.bSecret && szText != "AT"));
-        return true;
-    }
-    if (m_owed.bPrompt && bBeginsWith(szText, "> ")) { // and the echo of what was typed there
+    } else if (m_owed.bPrompt &&
+               bBeginsWith(szText, "> ")) { // and the echo of what was typed there
         Note(eFlightMark::LATE, m_owed.bSecret ? "> ****" : szText);
         return true;
+    } else if (szText != kQuestion) { // which may be repeated as well
+        return false;
     }
-    return false;
+    Note(eFlightMark::LATE, szText);
+    return true;
+}
+
+/// @param bItsAnswer  The answer to the question stands directly before it. It may be that of the
+///                    command that was given up, unless a prefix tells how lines of that begin.
+void CAtDialogue::TakeLateFinal(bool bItsAnswer)
+{
+    m_nOwed -= m_nOwed > 0 ? 1 : 0; // a text may have looked like final lines
+    ++m_nLate;
+    if (bItsAnswer && m_nAsked > 0 && !m_owed.szPrefix.empty() && m_owed.iFollowing == 0) {
+        --m_nAsked;
+        m_nOwed = m_nAsked; // what came before the question will not come any more
+    }
+    if (m_pSettling != nullptr) {
+        m_pSettling->m_Changed.iSetEvent();
+    } else if (m_nOwed == 0) {
+        OwesNothing();
+    }
 }
 
 CAtDialogue::report_t CAtDialogue::Report(const CLineFramer::line_t& line)

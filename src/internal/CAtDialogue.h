@@ -81,7 +81,8 @@ private:
     bool bAwait(CAtCall& call, long lLimitMs, Predicate predicate);
     void ConverseInTurn(CAtCall& call, const write_t& write);
     bool bSettle(CAtCall& call, long lLimitMs, const write_t& write);
-    bool bMarkAsked(CAtCall& call, unsigned& nLate);
+    bool bKnowsAll() const;
+    void OwesNothing();
     bool bMarkSent(CAtCall& call);
     bool bSend(CAtCall& call, const CTimeLeft& time, const std::string& szBytes,
                const write_t& write);
@@ -93,6 +94,7 @@ private:
     void Append(CAtCall& call, const CLineFramer::line_t& line);
     bool bTakeAsFinal(CAtCall& call, const CLineFramer::line_t& line);
     bool bTakeAsLate(const CLineFramer::line_t& line);
+    void TakeLateFinal(bool bItsAnswer);
     report_t Report(const CLineFramer::line_t& line);
     std::vector<entry_t>::iterator PlaceOf(const std::string& szPrefix);
     const entry_t* pFindHandler(const std::string& szLine) const;
@@ -105,10 +107,12 @@ private:
     CAtQueue m_queue;
     CAtCall* m_pSent = nullptr;     ///< Whose answer the lines may be.
     CAtCall* m_pSettling = nullptr; ///< Waits for the line to come to rest.
-    owed_t m_sent;        ///< Of m_pSent; made when it is sent, as giving up must not fail.
-    owed_t m_owed;        ///< The last one that was given up.
-    unsigned m_nOwed = 0; ///< Final lines that the modem may still send for such ones.
-    unsigned m_nLate = 0; ///< Those that it has sent, ever.
+    owed_t m_sent;             ///< Of m_pSent; made when it is sent, as giving up must not fail.
+    owed_t m_owed;             ///< The last one that was given up.
+    unsigned m_nOwed = 0;      ///< Final lines that the modem may still send for such ones.
+    unsigned m_nLate = 0;      ///< Those that it has sent, ever.
+    unsigned m_nAsked = 0;     ///< So many of m_nOwed are for the question what it owes.
+    bool m_bItsAnswer = false; ///< The last line was the answer to that.
     std::vector<entry_t> m_handlers;
     report_t m_collected;   ///< A report whose further lines are awaited.
     int m_iToCollect = 0;   ///< So many.

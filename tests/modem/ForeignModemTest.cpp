@@ -206,13 +206,15 @@ TEST_F(AForeignModem, AnswersWithAndWithoutAnEcho)
 }
 
 // Numbers are no final lines: the command ends with its time, and shows what the modem has said.
-TEST_F(AForeignModem, IsNotUnderstoodWhenItAnswersInNumbers)
+// The next one finds it using words again.
+TEST_F(AForeignModem, IsToldToUseWordsWhenItAnswersInNumbers)
 {
     ASSERT_NO_FATAL_FAILURE(Connect(m_Caller, m_szCaller));
     EXPECT_EQ(0, m_Caller.Ask("ATE0").lResult);
     const atResult_t result = m_Caller.Ask("ATV0", 500);
     EXPECT_EQ(-7, result.lResult);
     EXPECT_THAT(result.lines, ElementsAre("0"));
+    EXPECT_THAT(m_Caller.Ask("ATI").lines, ElementsAre("spandsp"));
 }
 
 TEST_F(AForeignModem, AnswersAnExchangeThatNamesItsEnd)
