@@ -94,6 +94,7 @@ void FromText(benchmark::State& state)
 }
 
 const bool kRegistered =
+    bCompare({"crc of 1 KiB", Crc<1024>, ByteWiseCrc<1024>, AtMostTimes(0.1), PROCESSOR_TIME}) &&
     bCompare({"crc of 4 KiB", Crc<4096>, ByteWiseCrc<4096>, AtMostTimes(0.1), PROCESSOR_TIME}) &&
     bCompare({"crc of 65535 bytes", Crc<kLargest>, ByteWiseCrc<kLargest>, AtMostTimes(0.1),
               PROCESSOR_TIME}) &&
