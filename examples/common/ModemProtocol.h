@@ -22,6 +22,7 @@ enum eModemError : uint16_t {
     MODEM_NOT_UNDERSTOOD = 5, ///< It said something that is no answer to the command.
     MODEM_BUSY = 6,           ///< Too many requests wait for it already.
     MODEM_NOT_ALLOWED = 7,    ///< The configuration of modemd does not allow it.
+    MODEM_NOT_SUPPORTED = 8,  ///< modemd knows the command, and does not do it.
     MODEM_CME = 1000,         ///< Plus the number of "+CME ERROR: n".
     MODEM_CMS = 10000,        ///< Plus the number of "+CMS ERROR: n".
 };

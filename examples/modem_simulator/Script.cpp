@@ -20,6 +20,7 @@ set CREG 0
 set CGREG 0
 set FORMAT 0
 set SMS 1
+set APN 1,"IP","","0.0.0.0",0,0
 on AT
     OK
 on ATE0
@@ -133,6 +134,20 @@ on AT+COPS=3,*
     @set FORMAT $*$
     OK
 on AT+COPS=*
+    OK
+on AT+KCELL=*
+    +KCELL: 1,"20801","00C3","0000ABCD",17
+    OK
+on AT+CLCK="SC",2
+    +CLCK: 0
+    OK
+on AT+CLCK="SC",*
+    OK
+on AT+CGDCONT=*
+    @set APN $*$
+    OK
+on AT+CGDCONT?
+    +CGDCONT: $APN$
     OK
 on AT+CGATT?
     +CGATT: 1

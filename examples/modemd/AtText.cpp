@@ -12,12 +12,18 @@ namespace
 constexpr size_t kPhoneDigitsMax = 20; // 3GPP TS 23.040, clause 9.1.2.5
 constexpr unsigned kRssiMax = 31;
 constexpr unsigned kBerMax = 7;
+constexpr size_t kApnMax = 100; // 3GPP TS 23.003, clause 9.1
 constexpr int kLeastLevelDbm = -113;
 constexpr int kLevelStepDbm = 2;
 
 bool bAreDigits(const std::string& szText)
 {
     return szText.find_first_not_of("0123456789") == std::string::npos;
+}
+
+bool bIsNetworkNumber(const std::string& szText) // 3GPP TS 23.003, clause 12.1
+{
+    return (szText.size() == 5 || szText.size() == 6) && bAreDigits(szText);
 }
 } // namespace
 
@@ -119,6 +125,46 @@ int iLevelDbm(const signal_t& signal)
     return signal.iRssi <= kRssiMax
                ? kLeastLevelDbm + kLevelStepDbm * static_cast<int>(signal.iRssi)
                : kNoLevelDbm;
+}
+
+// "(2,"long","short","20801",7),(1,...),,(0,1,2,3,4),(0,1,2)": the last ones say what may be set.
+std::vector<operator_t> OperatorsOf(const std::string& szLine)
+{
+    std::vector<operator_t> operators;
+    size_t nBegin = std::string::npos;
+    bool bQuoted = false;
+    for (size_t n = 0; n < szLine.size(); ++n) {
+        bQuoted = bQuoted != (szLine[n] == '"');
+        if (bQuoted) {
+            continue;
+        }
+        if (szLine[n] == '(') {
+            nBegin = n + 1;
+        } else if (szLine[n] == ')' && nBegin != std::string::npos) {
+            const auto fields = AtFields(':' + szLine.substr(nBegin, n - nBegin));
+            const auto state = AtNumber(fields[0]);
+            if (fields.size() >= 4 && state && bIsNetworkNumber(fields[3])) {
+                operators.push_back({*state, fields[1], fields[3],
+                                     fields.size() > 4 ? AtNumber(fields[4]) : std::nullopt});
+            }
+            nBegin = std::string::npos;
+        }
+    }
+    return operators;
+}
+
+const char* pszOperatorState(unsigned iState)
+{
+    static constexpr std::array<const char*, 4> kStates = {"unknown", "available", "in use",
+                                                           "forbidden"};
+    return kStates[iState < kStates.size() ? iState : 0];
+}
+
+bool bIsApn(const std::string& szText)
+{
+    return !szText.empty() && szText.size() <= kApnMax &&
+           szText.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                    "0123456789-.") == std::string::npos;
 }
 
 bool bIsPhoneNumber(const std::string& szText)

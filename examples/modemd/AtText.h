@@ -44,6 +44,20 @@ constexpr int kNoLevelDbm = -999; ///< As CDMStatCellServing has it.
 /// @return The level in dBm, -113 to -51; kNoLevelDbm when it is not known.
 int iLevelDbm(const signal_t& signal);
 
+/// @brief A network of those that "AT+COPS=?" has found: clause 7.3.
+struct operator_t {
+    unsigned iState = 0;            ///< 0 unknown, 1 available, 2 in use, 3 forbidden.
+    std::string szName;             ///< The longer one.
+    std::string szNumber;           ///< Country and network code.
+    std::optional<unsigned> techno; ///< <AcT>.
+};
+
+/// @return Those that a line with "+COPS:" tells of; what else it has between brackets is left out.
+std::vector<operator_t> OperatorsOf(const std::string& szLine);
+
+const char* pszOperatorState(unsigned iState); ///< @return Its state in words.
+
+bool bIsApn(const std::string& szText); ///< 1 to 100 letters, digits, "-" and ".": 3GPP TS 23.003.
 bool bIsPhoneNumber(const std::string& szText); ///< 1 to 20 digits, a "+" before them or not.
 bool bIsPin(const std::string& szText);         ///< 4 to 8 digits.
 bool bIsPrintable(const std::string& szText);   ///< ASCII without control characters.

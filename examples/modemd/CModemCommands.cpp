@@ -1,6 +1,7 @@
 #include "CModemCommands.h"
 
 #include "AtText.h"
+#include "SmsPdu.h"
 
 #include <algorithm>
 #include <array>
@@ -79,6 +80,28 @@ std::string szAttached(const lines_t& lines)
     return szState == "1" ? "attached" : szState == "0" ? "detached" : "";
 }
 
+// "20801,in use,LTE,Name", a line for each.
+std::string szNetworks(const lines_t& lines)
+{
+    std::string szText;
+    for (const operator_t& network : OperatorsOf(lines.empty() ? std::string() : lines.back())) {
+        const char* const pszName = network.techno ? pszTechno(*network.techno) : nullptr;
+        szText += (szText.empty() ? "" : "\n") + network.szNumber + ',' +
+                  pszOperatorState(network.iState) + ',' + (pszName != nullptr ? pszName : "") +
+                  ',' + network.szName;
+    }
+    return szText;
+}
+
+std::string szCells(const lines_t& lines)
+{
+    std::string szText;
+    for (const std::string& szLine : lines) {
+        szText += (szText.empty() ? "" : "\n") + szBehindColon({szLine});
+    }
+    return szText;
+}
+
 // What is asked with one command that is always the same.
 struct query_t {
     uint16_t iCommand;
@@ -88,7 +111,7 @@ struct query_t {
     bool bNetwork;                             // the network has to do something
 };
 
-constexpr std::array<query_t, 16> kQueries = {
+constexpr std::array<query_t, 18> kQueries = {
     {{CMD_MODEM_GET_IMEI, "AT+CGSN", "", &szImei, false},
      {CMD_MODEM_GET_IMSI, "AT+CIMI", "", &szImsi, false},
      {CMD_MODEM_GET_CID, "AT+CCID", "", &szCardNumber, false},
@@ -101,6 +124,8 @@ constexpr std::array<query_t, 16> kQueries = {
      {CMD_MODEM_GET_SIGNAL_QUALITY, "AT+CSQ", "+CSQ:", &szBehindColon, false},
      {CMD_MODEM_GET_EXTENDED_ERROR_REPORT, "AT+CEER", "+CEER:", &szBehindColon, false},
      {CMD_MODEM_TEST_CONNECTIVITY, "AT+CGATT?", "+CGATT:", &szAttached, false},
+     {CMD_MODEM_GET_KCELL, "AT+KCELL=0", "+KCELL:", &szCells, false},
+     {CMD_MODEM_GET_NETWORK_SCAN, "AT+COPS=?", "+COPS:", &szNetworks, true},
      {CMD_MODEM_DELETE_OLD_SMS, "AT+CMGD=1,3", "", nullptr, true}, // all but the unread ones
      {CMD_MODEM_SET_REGISTER, "AT+COPS=0", "", nullptr, true},
      {CMD_MODEM_SET_DEREGISTER, "AT+COPS=2", "", nullptr, true},
@@ -142,13 +167,17 @@ answer_t RefusalOf(const atResult_t& result)
 
 bool CModemCommands::bKnows(uint16_t iCommand)
 {
-    return pFindQuery(iCommand) != nullptr || iCommand == CMD_MODEM_SEND_SMS;
+    return pFindQuery(iCommand) != nullptr || iCommand == CMD_MODEM_SEND_SMS ||
+           iCommand == CMD_MODEM_SET_CONFIG_APN;
 }
 
 answer_t CModemCommands::Answer(uint16_t iCommand, const std::string& szData)
 {
     if (iCommand == CMD_MODEM_SEND_SMS) {
         return SendSms(szData);
+    }
+    if (iCommand == CMD_MODEM_SET_CONFIG_APN) {
+        return SetApn(szData);
     }
     const query_t* const pQuery = pFindQuery(iCommand);
     if (pQuery == nullptr) {
@@ -190,6 +219,60 @@ answer_t CModemCommands::SendSms(const std::string& szData)
         return RefusalOf(result);
     }
     return {MODEM_OK, szBehindColon(result.lines)}; // the message reference
+}
+
+answer_t CModemCommands::SetApn(const std::string& szApn)
+{
+    if (!bIsApn(szApn)) {
+        return {MODEM_BAD_REQUEST, "that is no name of an access point"};
+    }
+    atResult_t result;
+    return lAsk("AT+CGDCONT=1,\"IP\",\"" + szApn + '"', "", result) == 0 ? answer_t{}
+                                                                         : RefusalOf(result);
+}
+
+answer_t CModemCommands::SetPinActive(const std::string& szPin, bool bActive)
+{
+    atCommand_t command;
+    command.szText = std::string("AT+CLCK=\"SC\",") + (bActive ? '1' : '0') + ",\"" + szPin + '"';
+    command.bSecret = true;
+    command.iTimeOut = m_limits.iNetworkMs;
+    atResult_t result;
+    if (!bIsPin(szPin)) {
+        return {MODEM_BAD_REQUEST, "a PIN has 4 to 8 digits"};
+    }
+    return m_port.lCommand(command, result) == 0 ? answer_t{} : RefusalOf(result);
+}
+
+// As PDUs: a text may hold what looks like the modem's own lines.
+answer_t CModemCommands::NextSms(const std::string& szDone,
+                                 const std::function<bool(const std::string&)>& bWanted)
+{
+    atResult_t result;
+    if (!szDone.empty()) {
+        if (!AtNumber(szDone)) {
+            return {MODEM_BAD_REQUEST, "that is no number of a message"};
+        }
+        if (m_port.lCommand("AT+CMGD=" + szDone, "", result, m_limits.iNetworkMs) != 0) {
+            return RefusalOf(result);
+        }
+    }
+    atCommand_t list;
+    list.szText = "AT+CMGL=4"; // all
+    list.szPrefix = "+CMGL:";
+    list.iFollowing = 1;
+    list.iTimeOut = m_limits.iNetworkMs;
+    if (lAsk("AT+CMGF=0", "", result) != 0 || m_port.lCommand(list, result) != 0) {
+        return RefusalOf(result);
+    }
+    for (size_t i = 0; i + 1 < result.lines.size(); i += 2) {
+        const lines_t fields = AtFields(result.lines[i]);
+        const bool bCame = fields.size() >= 2 && (fields[1] == "0" || fields[1] == "1");
+        if (bCame && bWanted(szSenderOf(result.lines[i + 1]))) {
+            return {MODEM_OK, fields[0] + '\n' + result.lines[i + 1]};
+        }
+    }
+    return {};
 }
 
 answer_t CModemCommands::Raw(const std::string& szCommand)

@@ -5,6 +5,7 @@
 #include "../common/ModemProtocol.h"
 #include "CModemPort.h"
 
+#include <functional>
 #include <string>
 
 /// What goes back to whoever asked.
@@ -42,6 +43,20 @@ public:
     /// @param szData    Of the request.
     answer_t Answer(uint16_t iCommand, const std::string& szData);
 
+    /**
+     * @brief Fetches a message from the modem's store, and leaves the modem with messages as PDUs.
+     *
+     * @param szDone   Number of a message that is deleted before; empty: none.
+     * @param bWanted  Told the number of a sender, "" of one who has none.
+     * @return The number of the first message that came and is wanted, a line feed, and its PDU in
+     *         hexadecimal digits; an empty text: there is none.
+     */
+    answer_t NextSms(const std::string& szDone,
+                     const std::function<bool(const std::string& szSender)>& bWanted);
+
+    /// Sets whether the SIM asks for its PIN; a wrong one costs one of the attempts.
+    answer_t SetPinActive(const std::string& szPin, bool bActive);
+
     /// Sends a command that nobody has thought of. @return Its lines, the final one left out.
     answer_t Raw(const std::string& szCommand);
 
@@ -56,6 +71,7 @@ public:
 
 private:
     answer_t SendSms(const std::string& szData);
+    answer_t SetApn(const std::string& szApn);
 
     CModemPort& m_port;
     timeLimits_t m_limits;

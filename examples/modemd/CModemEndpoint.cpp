@@ -9,7 +9,7 @@ using namespace QuorCore;
 
 namespace
 {
-constexpr std::array<uint16_t, 19> kQueued = {CMD_MODEM_GET_IMEI,
+constexpr std::array<uint16_t, 24> kQueued = {CMD_MODEM_GET_IMEI,
                                               CMD_MODEM_GET_IMSI,
                                               CMD_MODEM_GET_CID,
                                               CMD_MODEM_GET_CSQ,
@@ -27,7 +27,20 @@ constexpr std::array<uint16_t, 19> kQueued = {CMD_MODEM_GET_IMEI,
                                               CMD_MODEM_SET_DEREGISTER,
                                               CMD_MODEM_GET_EXTENDED_ERROR_REPORT,
                                               CMD_MODEM_GET_SIGNAL_QUALITY,
-                                              CMD_MODEM_TEST_CONNECTIVITY};
+                                              CMD_MODEM_TEST_CONNECTIVITY,
+                                              CMD_MODEM_SET_CODE_PIN_ACTIVE,
+                                              CMD_MODEM_GET_INCOMING_SMS_PDU,
+                                              CMD_MODEM_GET_KCELL,
+                                              CMD_MODEM_GET_NETWORK_SCAN,
+                                              CMD_MODEM_SET_CONFIG_APN};
+
+// Refused, so that nobody waits for an answer: modemd makes no connections, keeps no statistics,
+// has one LED and not those of a front panel, and no time server; and the page is known to nobody.
+constexpr std::array<uint16_t, 11> kRefused = {
+    CMD_MODEM_GET_CELLS_STATS,     CMD_MODEM_GET_XCGED_PAGE,   CMD_MODEM_SET_CONFIG_PPP,
+    CMD_MODEM_SET_LED_GPRS_LOW,    CMD_MODEM_SET_LED_GPRS_MED, CMD_MODEM_SET_LED_GPRS_HIGH,
+    CMD_MODEM_SET_LED_UMTS_LOW,    CMD_MODEM_SET_LED_UMTS_MED, CMD_MODEM_SET_LED_UMTS_HIGH,
+    CMD_MODEM_SET_CONFIG_FLOW_NTP, CMD_MODEM_RESET_PPP};
 
 // A frame of more wraps the 16 bits in which peers compute its size.
 constexpr size_t kAnswerBytesMax = static_cast<size_t>(kFrameDataBytesMax) - kFrameHeaderSize;
@@ -84,6 +97,9 @@ long CModemEndpoint::iInitInstance()
     for (const uint16_t iCommand : kQueued) {
         connect(iCommand, &CModemEndpoint::OnCmdQueued);
     }
+    for (const uint16_t iCommand : kRefused) {
+        connect(iCommand, &CModemEndpoint::OnCmdRefused);
+    }
     connect(CMD_MODEMD_AT, &CModemEndpoint::OnCmdRaw);
     connect(CMD_MODEM_GET_CELL_SERVING, &CModemEndpoint::OnCmdCellServing);
     connect(CMD_MODEM_SET_WHITELIST, &CModemEndpoint::OnCmdWhitelist);
@@ -121,6 +137,13 @@ void CModemEndpoint::OnCmdQueued(socketFrame_t* pFrame)
 {
     if (pFrame != nullptr) {
         m_ask(RequestOf(*pFrame));
+    }
+}
+
+void CModemEndpoint::OnCmdRefused(socketFrame_t* pFrame)
+{
+    if (pFrame != nullptr) {
+        Answer(RequestOf(*pFrame), {MODEM_NOT_SUPPORTED, "this daemon does nothing of that kind"});
     }
 }
 

@@ -49,6 +49,7 @@ public:
     /// @name Handlers
     /// @{
     void OnCmdQueued(QuorCore::socketFrame_t* pFrame);
+    void OnCmdRefused(QuorCore::socketFrame_t* pFrame);
     void OnCmdRaw(QuorCore::socketFrame_t* pFrame);
     void OnCmdCellServing(QuorCore::socketFrame_t* pFrame);
     void OnCmdWhitelist(QuorCore::socketFrame_t* pFrame);

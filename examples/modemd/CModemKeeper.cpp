@@ -17,7 +17,8 @@ constexpr int kWrongMomentSms = 314;    // +CMS: SIM busy
 constexpr unsigned kReportsWithPlace = 2; // of AT+CREG=
 
 // What it is told besides: numbers of errors as words, what it is to report, texts as ASCII.
-constexpr const char* kSetUp[] = {"AT+CREG=2",       "AT+CGREG=2",  "AT+COPS=3,2", "AT+CMGF=1",
+constexpr const char* kMessagesAsText = "AT+CMGF=1";
+constexpr const char* kSetUp[] = {"AT+CREG=2",       "AT+CGREG=2",  "AT+COPS=3,2", kMessagesAsText,
                                   "AT+CSCS=\"IRA\"", "AT+CNMI=2,1", "AT+CLIP=1"};
 
 bool bIsBusy(const atResult_t& result)
@@ -183,6 +184,15 @@ answer_t CModemKeeper::Serve(const request_t& request)
     if (iCommand == CMD_MODEM_SET_CODE_PIN) {
         return SetPin(request.szData);
     }
+    if (iCommand == CMD_MODEM_SET_CODE_PIN_ACTIVE) {
+        const bool bActive = request.header.user1 == 1;
+        return bActive || request.header.user1 == 0
+                   ? m_commands.SetPinActive(request.szData, bActive)
+                   : answer_t{MODEM_BAD_REQUEST, "user1 is 0 or 1"};
+    }
+    if (iCommand == CMD_MODEM_GET_INCOMING_SMS_PDU) {
+        return NextSms(request.szData);
+    }
     if (iCommand == CMD_MODEMD_AT) {
         return m_commands.Raw(request.szData);
     }
@@ -207,6 +217,20 @@ answer_t CModemKeeper::SetPin(const std::string& szPin)
     m_pinGuard.Accept(szPin);
     m_registrationDue = clock::now(); // looks after it at once
     return {};
+}
+
+// What else is done with messages takes them as texts.
+answer_t CModemKeeper::NextSms(const std::string& szDone)
+{
+    const answer_t answer = m_commands.NextSms(
+        szDone, [this](const std::string& szSender) { return m_tree.bSmsAuthorized(szSender); });
+    if (m_toSetUp.empty() || m_toSetUp.back() != kMessagesAsText) {
+        m_toSetUp.emplace_back(kMessagesAsText);
+    }
+    if (m_eState == eModem::READY && answer.iError != MODEM_TIME_OUT) {
+        SetUp();
+    }
+    return answer;
 }
 
 // --- What the modem says by itself

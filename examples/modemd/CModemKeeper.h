@@ -65,6 +65,7 @@ private:
     bool bDoOneRequest();
     answer_t Serve(const request_t& request);
     answer_t SetPin(const std::string& szPin);
+    answer_t NextSms(const std::string& szDone);
     void DoOneReport();
     void Interpret(const std::string& szReport);
     void ReadSms(const std::string& szIndex);

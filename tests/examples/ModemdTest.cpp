@@ -31,10 +31,15 @@ constexpr uint16_t kImei = 3000;
 constexpr uint16_t kCsq = 3003;
 constexpr uint16_t kPinState = 3006;
 constexpr uint16_t kSetPin = 3007;
+constexpr uint16_t kPinActive = 3008;
+constexpr uint16_t kNextSms = 3011;
 constexpr uint16_t kSendSms = 3012;
 constexpr uint16_t kShutDown = 3014;
 constexpr uint16_t kInit = 3015;
+constexpr uint16_t kCells = 3018;
+constexpr uint16_t kScan = 3020;
 constexpr uint16_t kTestConnectivity = 3032;
+constexpr uint16_t kApn = 3033;
 constexpr uint16_t kCell = 3034;
 constexpr uint16_t kWhitelist = 3036;
 constexpr uint16_t kRaw = 3100;
@@ -51,6 +56,7 @@ constexpr int kRefused = 4;
 constexpr int kNotUnderstood = 5;
 constexpr int kBusy = 6;
 constexpr int kNotAllowed = 7;
+constexpr int kNotSupported = 8;
 constexpr int kCme = 1000;
 constexpr int kCms = 10000;
 
@@ -605,6 +611,103 @@ TEST_F(AModemDaemon, ReadsMessagesOfThoseOnTheWhiteListOnly)
     EXPECT_EQ(0, Ask(kWhitelist, "+33123456789", kAdd).iError);
     m_pModem->Signal(SIGUSR1);
     EXPECT_TRUE(bAwaitNews("SMS 3 of +33123456789: Hello"));
+}
+
+TEST_F(AModemDaemon, GivesTheMessagesThatWaitAsPdus)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    EXPECT_EQ("", Ask(kNextSms).szData); // its sender is not on the white list
+    EXPECT_EQ(0, Ask(kWhitelist, "+33123456789", kAdd).iError);
+    const std::string szMessage =
+        "1\n07913321436587F9040B913321436587F900006211220000004005C8329BFD06";
+    EXPECT_EQ(szMessage, Ask(kNextSms).szData);
+    EXPECT_EQ(szMessage, Ask(kNextSms).szData); // until somebody says that he has it
+    const Frame last = Ask(kNextSms, "1");
+    EXPECT_EQ(0, last.iError);
+    EXPECT_EQ("", last.szData);
+    EXPECT_EQ(kBadRequest, Ask(kNextSms, "1;+CFUN=0").iError);
+    EXPECT_EQ("1", Ask(kSendSms, "+33123456789\nHello").szData); // as text, as before
+    const std::string szRecord = Ask(kRecord).szData;
+    EXPECT_LT(szRecord.rfind("> AT+CMGF=0\n"), szRecord.rfind("> AT+CMGF=1\n"));
+    EXPECT_LT(szRecord.rfind("> AT+CMGF=1\n"), szRecord.rfind("> AT+CMGS="));
+}
+
+// Of a name, no PDU at all, cut off, not hexadecimal, one that was to be sent, of somebody else:
+// none of them. The one of 112, a national number, is.
+TEST_F(AModemDaemon, GivesNoMessageWhoseSenderItCannotTell)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("on AT+CMGL=4\n"
+                                  "    +CMGL: 1,1,,24\n"
+                                  "    @raw 00040BD0C8329BFD0600006211220000004000\\x0D\\x0A\n"
+                                  "    +CMGL: 2,1,,24\n"
+                                  "    @raw FF\\x0D\\x0A\n"
+                                  "    +CMGL: 3,1,,24\n"
+                                  "    @raw 0004039111\\x0D\\x0A\n"
+                                  "    +CMGL: 4,1,,24\n"
+                                  "    @raw 000403911XF20000621122000000400\\x0D\\x0A\n"
+                                  "    +CMGL: 5,2,,24\n"
+                                  "    @raw 0004038111F200006211220000004000\\x0D\\x0A\n"
+                                  "    +CMGL: 6,1,,24\n"
+                                  "    @raw 0004038112F200006211220000004000\\x0D\\x0A\n"
+                                  "    +CMGL: 7,0,,24\n"
+                                  "    @raw 0004038111F200006211220000004000\\x0D\\x0A\n"
+                                  "    OK\n"));
+    EXPECT_EQ(0, Ask(kWhitelist, "112", kAdd).iError);
+    EXPECT_EQ("7\n0004038111F200006211220000004000", Ask(kNextSms).szData);
+}
+
+TEST_F(AModemDaemon, LooksForNetworks)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    EXPECT_EQ("20801,in use,LTE,Simulated Network\n20810,available,UMTS,Second Network",
+              Ask(kScan).szData);
+    EXPECT_EQ("1,\"20801\",\"00C3\",\"0000ABCD\",17", Ask(kCells).szData);
+}
+
+TEST_F(AModemDaemon, UnderstandsOnlyNetworksThatItIsToldWhole)
+{
+    ASSERT_NO_FATAL_FAILURE(
+        Start("on AT+COPS=?\n"
+              "    +COPS: ),(2,\"a),b\",\"\",\"20801\"),(x,,,\"1\"),(1,,,\"2a\"),(3,\n"
+              "    OK\n"));
+    EXPECT_EQ("20801,in use,,a),b", Ask(kScan).szData);
+}
+
+TEST_F(AModemDaemon, SetsTheAccessPoint)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("", "allow_at=1\n"));
+    EXPECT_EQ(0, Ask(kApn, "internet.example-1").iError);
+    EXPECT_EQ("+CGDCONT: 1,\"IP\",\"internet.example-1\"", Ask(kRaw, "AT+CGDCONT?").szData);
+    for (const char* const pszName : {"", "two words", "\",1;+CFUN=0"}) {
+        EXPECT_EQ(kBadRequest, Ask(kApn, pszName).iError) << pszName;
+    }
+}
+
+TEST_F(AModemDaemon, SetsWhetherTheSimAsksForItsPin)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("on AT+CLCK=\"SC\",0,\"1234\"\n    OK\n"
+                                  "on AT+CLCK=\"SC\",*\n    +CME ERROR: 16\n"));
+    EXPECT_EQ(0, Ask(kPinActive, "1234", 0).iError);
+    EXPECT_EQ(1016, Ask(kPinActive, "4321", 1).iError);
+    EXPECT_EQ(kBadRequest, Ask(kPinActive, "1234", 2).iError);
+    EXPECT_EQ(kBadRequest, Ask(kPinActive, "123", 1).iError);
+    const std::string szRecord = Ask(kRecord).szData;
+    EXPECT_EQ(2U, nCount(szRecord, "> AT+CLCK=****\n"));
+    EXPECT_EQ(0U, nCount(szRecord, "1234"));
+}
+
+// Nobody waits in vain, whatever of the interface he asks for.
+TEST_F(AModemDaemon, AnswersOrRefusesEveryCommandOfItsInterface)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    std::vector<uint16_t> refused;
+    for (uint16_t iCommand = kImei; iCommand <= kWhitelist; ++iCommand) {
+        if (Ask(iCommand).iError == kNotSupported) {
+            refused.push_back(iCommand);
+        }
+    }
+    EXPECT_THAT(refused,
+                ElementsAre(3019, 3022, 3024, 3025, 3026, 3027, 3028, 3029, 3030, 3031, 3035));
 }
 
 TEST_F(AModemDaemon, HangsUpOnThoseWhoAreNotOnTheWhiteList)

@@ -57,6 +57,23 @@ TEST_F(AQuorctlModem, PrintsWhatTheModemAnswers)
     EXPECT_EQ("{\"imei\":\"356938035643809\"}\n", Ask({"--json", "imei"}).szOutput);
 }
 
+TEST_F(AQuorctlModem, FetchesMessagesAsPdus)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    EXPECT_EQ("", Ask({"inbox"}).szOutput); // nobody is on the white list
+    EXPECT_EQ(0, Ask({"whitelist", "add", "+33123456789"}).iExitCode);
+    EXPECT_EQ("1\n07913321436587F9040B913321436587F900006211220000004005C8329BFD06\n",
+              Ask({"inbox"}).szOutput);
+    EXPECT_EQ("", Ask({"inbox", "1"}).szOutput);
+}
+
+TEST_F(AQuorctlModem, PrintsTheNetworksThatAreThere)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    EXPECT_EQ("20801,in use,LTE,Simulated Network\n20810,available,UMTS,Second Network\n",
+              Ask({"scan"}).szOutput);
+}
+
 TEST_F(AQuorctlModem, PrintsTheServingCell)
 {
     ASSERT_NO_FATAL_FAILURE(Start());

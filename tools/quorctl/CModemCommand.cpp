@@ -64,6 +64,13 @@ CModemCommand::CModemCommand(CLI::App& parent)
     Add(
         m_app, "cell", "Print what is known of the serving cell",
         [] { return CFrame(CMD_MODEM_GET_CELL_SERVING); }, &ReadCell);
+    AddText("scan", "Have the modem look for networks, and print a line for each",
+            CMD_MODEM_GET_NETWORK_SCAN);
+    CLI::App& inbox = Add(
+        m_app, "inbox", "Print the first message of the modem's store as PDU, below its number",
+        [this] { return CFrame(CMD_MODEM_GET_INCOMING_SMS_PDU, m_szNumber); },
+        [](const std::string& szData) { return ReadText("message", szData); });
+    inbox.add_option("done", m_szNumber, "Number of a message to delete before")->type_name("");
     CLI::App& sms = Add(
         m_app, "sms", "Send a text message and print its reference",
         [this] { return CFrame(CMD_MODEM_SEND_SMS, m_szNumber + '\n' + m_szText); },

@@ -76,7 +76,7 @@ _quorctl()
         monitor) options+=' --count --pings' ;;
         modem)
             if [[ -z $subcommand ]]; then
-                words='imei imsi csq cell sms whitelist at record'
+                words='imei imsi csq cell scan inbox sms whitelist at record'
             elif [[ $subcommand == whitelist && $prev == whitelist ]]; then
                 words='list add remove'
             fi
