@@ -154,6 +154,9 @@ long CThreadSerial::iRunThread()
 void CThreadSerial::Reopen()
 {
     ClosePort(); // SetConnected(false) leaves it open
+    while (m_iClosing > 0 && m_bRun) {
+        Sleep(1); // else whoever closed it would tell of the loss of the next connection
+    }
     if (!m_bRun) {
         return;
     }
@@ -183,7 +186,7 @@ long CThreadSerial::lServeChunk(long lKept)
     const long lRoom = m_lSizeDataMax - lKept;
     long lNew = 0;
     long lResult = iRead(m_pRxBuffer + lKept, lRoom, &lNew);
-    if (!bNodeExists()) {
+    if (!bNodeIsThere()) {
         lResult = -1; // a USB modem that was unplugged; its reads may go on to give nothing
     }
     if (lResult < 0 && m_bRun) {
@@ -219,11 +222,18 @@ void CThreadSerial::HandOn(long& lKept, long lNew)
     }
 }
 
-bool CThreadSerial::bNodeExists()
+/// @return False: it has gone, or another device has got its name since it was opened, as when a
+///         second modem is plugged in and udev(7) moves a link to it.
+bool CThreadSerial::bNodeIsThere()
 {
+    const std::string szDevice = szCopyConnexionName();
     struct stat status {
     };
-    return stat(szCopyConnexionName().c_str(), &status) == 0;
+    if (stat(szDevice.c_str(), &status) != 0) {
+        return false;
+    }
+    const CHeldLock<CRecursiveLock> held(m_RecursiveLock);
+    return !held || m_hTTY == -1 || m_szOpened != szDevice || m_iOpenedDevice == status.st_rdev;
 }
 
 long CThreadSerial::iConnect()
@@ -258,6 +268,10 @@ long CThreadSerial::lOpenPort(const std::string& szDevice)
         ioctl(tty.iGet(), TIOCNXCL);
         return -1;
     }
+    struct stat status {
+    };
+    m_szOpened = fstat(tty.iGet(), &status) == 0 ? szDevice : "";
+    m_iOpenedDevice = status.st_rdev;
     m_hTTY = tty.iRelease();
     m_bConnected = true;
     return 0;
@@ -266,6 +280,7 @@ long CThreadSerial::lOpenPort(const std::string& szDevice)
 void CThreadSerial::Close()
 {
     const CDeferredCancel deferred;
+    const CCounted closing(m_iClosing);
     ClosePort();
     if (bIsReadingThread() && m_bServing) {
         m_bLostMeanwhile = true;
@@ -283,6 +298,7 @@ void CThreadSerial::ClosePort()
         tcflush(tty.iGet(), TCOFLUSH); // else closing waits, 30 s perhaps, for the line to take it
         ioctl(tty.iGet(), TIOCNXCL);   // would last as long as anybody has the port open
         m_pFdGate->Retire(m_hTTY);
+        m_szOpened.clear();
     }
 }
 

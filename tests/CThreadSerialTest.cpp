@@ -104,6 +104,23 @@ private:
     std::atomic<bool>& m_bGone;
 };
 
+/// Dwells on the loss of its link.
+class CSlowPort : public COpenPort<CThreadSerial>
+{
+public:
+    ~CSlowPort() override { EndThread(); }
+
+    void OnLinkLost() override
+    {
+        CThreadSerial::OnLinkLost();
+        if (m_OnLost) {
+            m_OnLost();
+        }
+    }
+
+    std::function<void()> m_OnLost; ///< Set before the thread starts.
+};
+
 /// A modem whose node comes and goes, as that of a USB modem behind the name that udev gives it.
 class AThreadSerialWithAPluggedModem : public AThreadSerial
 {
@@ -617,6 +634,40 @@ TEST_F(AThreadSerialWithAPluggedModem, NoticesAnotherOneThatTookItsName)
     ASSERT_TRUE(bAwait([this] { return m_Store.Count(&m_Port, EVT_COM_CONNECTED) == 2; }));
     ASSERT_TRUE(next.bSend("RDY"));
     EXPECT_TRUE(m_Port.bAwaitChunks(1));
+}
+
+TEST_F(AThreadSerialWithAPluggedModem, NoticesThatItsNameIsAnotherOnesThoughTheLineIsUp)
+{
+    CPty next;
+    Plug(next);
+    ASSERT_TRUE(bAwait([this] { return m_Store.Count(&m_Port, EVT_COM_CONNECTED) == 2; }));
+    ASSERT_TRUE(next.bSend("RDY"));
+    EXPECT_TRUE(m_Port.bAwaitChunks(1));
+}
+
+// Else the loss that is told of late would be taken for that of the new connection.
+TEST_F(AThreadSerial, IsNotOpenedAnewBeforeItsLossWasTold)
+{
+    std::promise<void> told;
+    std::atomic<bool> bTelling{false};
+    CSlowPort port;
+    port.m_OnLost = [&] {
+        if (!bTelling.exchange(true)) { // the first time
+            told.get_future().wait();
+        }
+    };
+    port.Configure(0, 1000, m_Pty.szPath().c_str());
+    ASSERT_EQ(0, port.iCreateThread(true, kStartLimitMs));
+    ASSERT_TRUE(bAwait([&] { return m_Store.Count(&port, EVT_COM_CONNECTED) == 1; }));
+    auto closing = std::async(std::launch::async, [&port] {
+        const CLogLevel level;
+        port.Close();
+    });
+    EXPECT_TRUE(bAwait([&] { return bTelling.load(); }));
+    EXPECT_FALSE(bAwait([&] { return m_Store.Count(&port, EVT_COM_CONNECTED) == 2; }, 300));
+    told.set_value();
+    closing.get();
+    EXPECT_TRUE(bAwait([&] { return m_Store.Count(&port, EVT_COM_CONNECTED) == 2; }));
 }
 
 TEST_F(AThreadSerial, LeavesItsPortAloneForTheSpeedItHas)

@@ -34,7 +34,8 @@ class CFdGate;
  * Threads: any may write, flush, change the speed or the signals, close and stop. What changes or
  * writes the port takes m_RecursiveLock; reading does not. Close() and iStop() throw away what the
  * line has not taken yet, so that a modem that takes nothing holds nobody up; the descriptor itself
- * is closed when its last user has left it, a read of another thread at the latest 200 ms later.
+ * is closed when its last user has left it, a read of another thread at the latest 200 ms later. A
+ * port is not opened anew before OnLinkLost() has returned for the one that was closed.
  * Ownership: owns the descriptor. A class derived from this one calls EndThread() in its own
  * destructor. Errors: by return value; nothing throws. Rests on termios(3) and ioctl_tty(2).
  */
@@ -188,7 +189,7 @@ private:
     void Reopen();
     long lServeChunk(long lKept);
     void HandOn(long& lKept, long lNew);
-    bool bNodeExists();
+    bool bNodeIsThere();
     bool bIsOpen(int iFd) const { return m_bRun && m_hTTY == iFd; }
     void AwaitRoom();
     long lWritePiece(const uint8_t* pPiece, long lSize, int& iError);
@@ -200,6 +201,9 @@ private:
     std::atomic<int> m_iSettleDelaySec;
     std::atomic<int> m_iReopenDelaySec;
     std::atomic<int> m_iStopping{0}; ///< Calls of iStop() that still use the object.
+    std::atomic<int> m_iClosing{0};  ///< Calls of Close() that have not told of the loss yet.
+    std::string m_szOpened;          ///< Path of what was opened; guarded by m_RecursiveLock.
+    uint64_t m_iOpenedDevice = 0;    ///< Its device number; guarded by m_RecursiveLock.
     bool m_bServing = false;         ///< A chunk is being read and handed on; the thread's own.
     bool m_bLostMeanwhile = false;   ///< The thread closed the port during that; its own.
 };
