@@ -632,6 +632,21 @@ TEST_F(AModemDaemon, GivesTheMessagesThatWaitAsPdus)
     EXPECT_LT(szRecord.rfind("> AT+CMGF=1\n"), szRecord.rfind("> AT+CMGS="));
 }
 
+// The modem goes while it takes a text, and while it lists its messages; then it is asked as ever.
+TEST_F(AModemDaemon, ComesThroughAModemThatGoesInTheMiddle)
+{
+    ASSERT_NO_FATAL_FAILURE(Start("once AT+CMGS=*\n    @prompt\n    @hangup 200\n"
+                                  "once AT+CMGL=4\n    @raw \\x0D\\x0A+CMGL: 1,1,,24\\x0D\\x0A\n"
+                                  "    @hangup 200\n"));
+    EXPECT_EQ(0, Ask(kWhitelist, "+33123456789", kAdd).iError);
+    EXPECT_EQ(kAway, Ask(kSendSms, "+33123456789\nHello").iError);
+    ASSERT_TRUE(bAwaitNews("the modem is ready"));
+    EXPECT_EQ(kAway, Ask(kNextSms).iError);
+    ASSERT_TRUE(bAwaitNews("the modem is ready"));
+    EXPECT_EQ("1", Ask(kSendSms, "+33123456789\nHello").szData);
+    EXPECT_THAT(Ask(kNextSms).szData, HasSubstr("1\n0791"));
+}
+
 // Of a name, no PDU at all, cut off, not hexadecimal, one that was to be sent, of somebody else:
 // none of them. The one of 112, a national number, is.
 TEST_F(AModemDaemon, GivesNoMessageWhoseSenderItCannotTell)
