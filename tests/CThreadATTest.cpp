@@ -674,6 +674,20 @@ TEST_F(AThreadAT, NeedsNoPauseAfterAnAnswerThatWasLost)
     EXPECT_GT(milliseconds(150), shortest);
 }
 
+TEST_F(AThreadAT, AsksAgainAModemThatMayNotHaveHeard)
+{
+    EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+CPIN?", "+CPIN:")).get().lResult);
+    auto next = Ask(Command("AT+CSQ"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r")); // it has just started, say
+    ASSERT_TRUE(m_Pty.bSend("\r\n013\r\n\r\nOK\r\n"));
+    EXPECT_EQ("", m_Pty.szReceive(1, 50)); // the other one may be answered yet
+    ASSERT_TRUE(m_Pty.bSend("\r\n013\r\n\r\nOK\r\n"));
+    ASSERT_EQ("AT+CSQ\r", m_Pty.szReceiveUntil("\r"));
+    ASSERT_TRUE(m_Pty.bSend("\r\n+CSQ: 1\r\nOK\r\n"));
+    EXPECT_THAT(next.get().lines, ElementsAre("+CSQ: 1"));
+}
+
 // The late answer may itself hold "013", or anything: then only silence tells.
 TEST_F(AThreadAT, WaitsForSilenceAfterACommandWhoseAnswerMayHoldAnything)
 {
@@ -833,7 +847,7 @@ TEST_F(AThreadAT, DoesNotSendACommandToAModemThatStaysMute)
 {
     EXPECT_EQ(-7, AskAndReceive(GivenUp("AT+ONE")).get().lResult);
     atCommand_t command = Command("AT+TWO");
-    command.iTimeOut = 3000;
+    command.iTimeOut = 1000;
     auto next = Ask(command);
     ASSERT_EQ("ATV1S3?\r", m_Pty.szReceiveUntil("\r"));
     EXPECT_EQ(-7, next.get().lResult);

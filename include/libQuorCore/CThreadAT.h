@@ -78,7 +78,8 @@ struct atResult_t {
  * than the modem does. Where the command that was given up has no prefix, or further lines, so that
  * its own answer might look the same, or where the modem does not know the question, 200 ms of
  * silence must follow. The time for it is the next command's own, which ends with -7, unsent, when
- * the modem stays mute. A modem that answers in numbers is told by it to use words.
+ * the modem stays mute; every 3 s it is asked again. A modem that answers in numbers is told by it
+ * to use words.
  *
  * iExchangeAT() works as on any serial port, beside the queue: who uses both sees to it that they
  * do not meet.

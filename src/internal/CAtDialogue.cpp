@@ -10,7 +10,8 @@ namespace QuorCore
 {
 namespace
 {
-constexpr long kQuietMs = 200; // between the answers to two commands that the modem has got
+constexpr long kQuietMs = 200;     // between the answers to two commands that the modem has got
+constexpr long kAskAgainMs = 3000; // a modem that is busy or just starts may not have heard
 
 // What a modem is asked to learn what it still owes, ITU-T V.250, 6.2.1 and 6.2.6: to use words,
 // and for S3, the character that ends a command. Its answer is like that to no other command.
@@ -163,25 +164,20 @@ bool CAtDialogue::bServePrompt(CAtCall& call, const CTimeLeft& time, const write
 bool CAtDialogue::bSettle(CAtCall& call, long lLimitMs, const write_t& write)
 {
     const CTimeLeft time(lLimitMs);
-    std::string szQuestion;
     unsigned nLate = 0;
     {
         const std::lock_guard<std::mutex> held(m_lock);
         if (m_nOwed == 0) {
             return true;
         }
-        if (time.lLeftMs() == 0 || call.m_eState == eAtCall::ENDED) {
-            return false;
-        }
         m_pSettling = &call;
-        szQuestion = (m_owed.bPrompt ? kEscape : "") + std::string(kQuestion) + '\r';
         nLate = m_nLate;
-        ++m_nOwed;
-        ++m_nAsked;
-        Note(eFlightMark::COMMAND, kQuestion);
     }
     const auto bAnother = [this, &nLate] { return std::exchange(nLate, m_nLate) != nLate; };
-    bool bSettled = bSend(call, time, szQuestion, write) && bAwait(call, time.lLeftMs(), bAnother);
+    bool bSettled = false;
+    while (!bSettled && bAskWhatIsOwed(call, time, write)) {
+        bSettled = bAwait(call, time.lAtMost(kAskAgainMs), bAnother);
+    }
     while (bSettled && !bKnowsAll() && bAwait(call, kQuietMs, bAnother)) {
     }
     const std::lock_guard<std::mutex> held(m_lock);
@@ -192,6 +188,23 @@ bool CAtDialogue::bSettle(CAtCall& call, long lLimitMs, const write_t& write)
         OwesNothing();
     }
     return bSettled;
+}
+
+/// @return False: the command has ended, or its time, or the line does not take it.
+bool CAtDialogue::bAskWhatIsOwed(CAtCall& call, const CTimeLeft& time, const write_t& write)
+{
+    std::string szQuestion = std::string(kQuestion) + '\r';
+    {
+        const std::lock_guard<std::mutex> held(m_lock);
+        if (time.lLeftMs() == 0 || call.m_eState == eAtCall::ENDED) {
+            return false;
+        }
+        szQuestion.insert(0, m_owed.bPrompt ? kEscape : "");
+        ++m_nOwed;
+        ++m_nAsked;
+        Note(eFlightMark::COMMAND, kQuestion);
+    }
+    return bSend(call, time, szQuestion, write);
 }
 
 /// @return Whether each question was answered as only it is.

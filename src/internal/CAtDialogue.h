@@ -81,6 +81,7 @@ private:
     bool bAwait(CAtCall& call, long lLimitMs, Predicate predicate);
     void ConverseInTurn(CAtCall& call, const write_t& write);
     bool bSettle(CAtCall& call, long lLimitMs, const write_t& write);
+    bool bAskWhatIsOwed(CAtCall& call, const CTimeLeft& time, const write_t& write);
     bool bKnowsAll() const;
     void OwesNothing();
     bool bMarkSent(CAtCall& call);
