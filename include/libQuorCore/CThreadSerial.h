@@ -19,7 +19,7 @@ class CFdGate;
 
 /**
  * @brief Opens a serial device, hands what arrives to lDispatchTrame() in chunks, and opens the
- *        device anew when it fails or goes away.
+ *        device anew when it fails, goes away, or its name has become that of another one.
  *
  * The connection name of Configure() is the path of the device, its capacity the largest chunk; the
  * port number is not used. A chunk is what arrives until the line has been silent for the
