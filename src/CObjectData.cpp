@@ -9,6 +9,7 @@
 #include "libQuorCore/CThread.h"
 
 #include <cerrno>
+#include <cstring>
 #include <exception>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -263,7 +264,7 @@ bool CObjectData::bSerializeJson(CContextJson& context, std::string* pszOut, Jso
     return bGuarded(context, [&] {
         Json::Value local;
         Json::Value& value = pValue != nullptr ? *pValue : local;
-        const CForScope labelsStay(context.m_bLabelsStay, pValue == nullptr);
+        const CForScope labelStays(context.m_pLabelStays, pValue == nullptr ? this : nullptr);
         SerializeJson(context, value, false, iDepth);
         if (pszOut != nullptr) {
             *pszOut = pValue != nullptr ? szCompactJson(value) : szCompactJson(std::move(local));
@@ -431,10 +432,17 @@ void CObjectData::StoreJson(const CContextJson& context, Json::Value& value, boo
         value.append(std::move(form));
         return;
     }
-    Json::Value* const pMember =
-        context.m_bLabelsStay ? &value[Json::StaticString(m_szLabel.c_str())]
-                              : value.demand(m_szLabel.data(), m_szLabel.data() + m_szLabel.size());
-    pMember->swapPayload(form); // not moved: a form has no comments that would come with it
+    const char* const pLabel = m_szLabel.c_str();
+    const size_t size = m_szLabel.size();
+    // One that is not copied ends with its first NUL.
+    const bool bStays = context.m_pLabelStays == this && std::strlen(pLabel) == size;
+    Json::Value& member =
+        bStays ? value[Json::StaticString(pLabel)] : *value.demand(pLabel, pLabel + size);
+    if (bStays && !form.isObject()) {
+        member.swapPayload(form); // quicker: a leaf's form and a new document have no comments
+    } else {
+        member = std::move(form);
+    }
 }
 
 Json::Value* CObjectData::pFindOwnMember(Json::Value& value) const

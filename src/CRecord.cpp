@@ -124,11 +124,14 @@ void CRecord::PublishMembers(CContextJson& context, Json::Value& value, bool bIn
         Json::Value* const pThere = pFindOwnMember(value);
         pMembers = pThere != nullptr && pThere->isObject() ? pThere : &own;
     }
+    const CObjectData* const pLabelStays = context.m_pLabelStays;
     for (CObjectData* pChild : m_Record) {
         if (pChild != nullptr) {
+            context.m_pLabelStays = pLabelStays == this ? pChild : nullptr;
             pChild->SerializeJson(context, *pMembers, false, iDepth);
         }
     }
+    context.m_pLabelStays = pLabelStays;
     if (context.bIsFile() && bHasOwnFile()) {
         WriteOwnFile(*pMembers);
     }

@@ -1,12 +1,11 @@
 #include "libQuorCore/CDMSrvCallback.h"
 #include "libQuorCore/CDMStatCellServing.h"
-#include "libQuorCore/CTime.h"
 
 #include "support/CTempDirectory.h"
 #include "support/DataTrees.h"
+#include "support/RandomTree.h"
 
 #include <ctime>
-#include <deque>
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
@@ -19,117 +18,6 @@ using namespace TestSupport;
 
 namespace
 {
-using Random = std::mt19937;
-
-int iBelow(Random& random, int iEnd)
-{
-    return static_cast<int>(random() % static_cast<unsigned>(iEnd));
-}
-
-std::string szAnyText(Random& random)
-{
-    const char* const aPieces[] = {"a", "Z", "é", "漢", "\"", "\\", "\n", "/", " ", "0", "\x7f"};
-    std::string szText;
-    for (int i = iBelow(random, 12); i > 0; --i) {
-        szText += aPieces[iBelow(random, 11)];
-    }
-    return szText;
-}
-
-/// A tree of random shape and values; the same seed gives the same shape.
-class CRandomTree
-{
-public:
-    CRandomTree(unsigned iShape, unsigned iValues) : m_Shape(iShape), m_Values(iValues)
-    {
-        Grow(m_Root, 3);
-    }
-
-    CRecord m_Root{nullptr, "root"};
-
-private:
-    void Grow(CRecord& record, int iDepth)
-    {
-        const int iChildren = 1 + iBelow(m_Shape, 6);
-        for (int i = 0; i < iChildren; ++i) {
-            const std::string szLabel = "c" + std::to_string(i);
-            const int iKind = iBelow(m_Shape, iDepth > 0 ? 11 : 8);
-            Make(record, szLabel.c_str(), iKind, iDepth);
-        }
-    }
-
-    void Make(CRecord& parent, const char* szLabel, int iKind, int iDepth)
-    {
-        const auto iBits = static_cast<unsigned>(m_Values());
-        switch (iKind) {
-        case 0:
-            Keep<CNumber<bool>>(parent, szLabel)->SetVal((iBits & 1U) != 0);
-            break;
-        case 1:
-            Keep<CNumber<short>>(parent, szLabel)->SetVal(static_cast<short>(iBits));
-            break;
-        case 2:
-            Keep<CNumber<unsigned short>>(parent, szLabel)
-                ->SetVal(static_cast<unsigned short>(iBits));
-            break;
-        case 3:
-            Keep<CNumber<int>>(parent, szLabel)->SetVal(static_cast<int>(iBits));
-            break;
-        case 4:
-            Keep<CNumber<unsigned int>>(parent, szLabel)->SetVal(iBits);
-            break;
-        case 5:
-            Text(parent, szLabel);
-            break;
-        case 6:
-            Keep<CDMDateTime>(parent, szLabel)->SetVal(1 + iBelow(m_Values, 2000000000));
-            break;
-        case 7:
-            Keep<CTime>(parent, szLabel)->SetVal(1 + iBelow(m_Values, 2000000000));
-            break;
-        case 8:
-            Texts(parent, szLabel);
-            break;
-        default:
-            Grow(*Keep<CRecord>(parent, szLabel), iDepth - 1);
-            break;
-        }
-    }
-
-    template <class T>
-    T* Keep(CRecord& parent, const char* szLabel)
-    {
-        auto pNode = std::make_unique<T>(&parent, szLabel);
-        pNode->SetNull(false); // a null one is refused in a request unless it is optional
-        T* const pKept = pNode.get();
-        m_nodes.push_back(std::move(pNode));
-        return pKept;
-    }
-
-    void Text(CRecord& parent, const char* szLabel)
-    {
-        auto pNode = std::make_unique<CString>(&parent, szLabel, "");
-        pNode->SetVal(szAnyText(m_Values));
-        m_nodes.push_back(std::move(pNode));
-    }
-
-    void Texts(CRecord& parent, const char* szLabel)
-    {
-        auto pList = std::make_unique<CDMList<CDMString>>(&parent, szLabel, 50);
-        pList->SetAttributeCanDelete(true);
-        for (int i = iBelow(m_Values, 6); i > 0; --i) {
-            CDMString* const pItem = pList->pNewObject();
-            pItem->SetVal(szAnyText(m_Values));
-            pList->iAdd(pItem, true);
-        }
-        m_nodes.push_back(std::move(pList));
-    }
-
-    Random m_Shape;
-    Random m_Values;
-    std::deque<std::unique_ptr<CObjectData>> m_nodes; // goes before the root
-};
-
 /// A random document: some of it fits a tree of the above, some does not.
 Json::Value AnyJson(Random& random, int iDepth)
 {

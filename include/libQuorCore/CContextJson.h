@@ -11,6 +11,8 @@
 
 namespace QuorCore
 {
+class CObjectData;
+
 /**
  * @brief Travels with one JSON operation through the tree: command, form, user, and the outcome.
  *
@@ -75,9 +77,11 @@ public:
 private:
     friend class CListBase;
     friend class CObjectData;
+    friend class CRecord;
 
-    // Labels outlive the document, which then needs no copies of them. Not for the items of lists:
-    // another thread may remove them before the document is written. Not copied.
-    bool m_bLabelsStay = false;
+    // The node about to be published whose label outlives the document, which then needs no copy of
+    // it. Never an item of a list: another thread may remove it before the document is written. Nor
+    // a node that a class of its own makes while it is published. Null: none. Not copied.
+    const CObjectData* m_pLabelStays = nullptr;
 };
 } // namespace QuorCore

@@ -44,6 +44,10 @@ public:
      *                @p value itself then. Nothing happens to a value of another type.
      * @param bArray  Array mode.
      * @param iDepth  Levels of CDMObject records below this one; others take no notice of it.
+     *
+     * A class of its own may publish nodes that it makes for that alone. Those that a record holds
+     * stay there, and keep their labels, until the call that publishes the whole returns: its
+     * document has no copies of their labels.
      */
     virtual void SerializeJson(CContextJson& context, Json::Value& value, bool bArray, int iDepth);
 
@@ -56,6 +60,8 @@ public:
 
     /**
      * @brief Tells whether iDeserializeJson() may be called with a request; changes nothing.
+     * @param value     The request. iMoWrite() then reads the same one: no member may be added, as
+     *                  by a look-up with operator[].
      * @param pszError  Receives the error document if it is still empty; may be null.
      * @param bReset    Whether the value becomes the initial one: of a number that passes, of a
      *                  text that fails.
