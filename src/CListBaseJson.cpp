@@ -4,6 +4,7 @@
 #include "internal/CHeldLock.h"
 #include "internal/Digits.h"
 #include "internal/JsonFile.h"
+#include "internal/JsonText.h"
 
 #include "libQuorCore/CThread.h"
 
@@ -31,6 +32,16 @@ bool bComesBefore(const std::string& szLeft, const std::string& szRight)
         return szLeft.size() < szRight.size();
     }
     return bLeft != bRight ? bLeft : szLeft < szRight;
+}
+
+/// Stores the nulls that an array has where nothing was stored, so that iterators meet them.
+void FillGaps(Json::Value& array)
+{
+    if (bHasGaps(array)) {
+        for (Json::ArrayIndex place = 0; place < array.size(); ++place) {
+            array[place]; // stores what is not there
+        }
+    }
 }
 
 /// The names of the working directory that a label can have.
@@ -131,6 +142,7 @@ void CListBase::ReadArray(CContextJson& context, Json::Value& array)
             return;
         }
         SetNull(false);
+        FillGaps(array);
         auto element = array.begin(); // by iterator: an index is looked up
         for (CObjectData* pItem : m_Record) {
             if (pItem != nullptr) {
@@ -142,6 +154,7 @@ void CListBase::ReadArray(CContextJson& context, Json::Value& array)
     }
     Reset();
     SetNull(false);
+    FillGaps(array);
     for (Json::Value& element : array) {
         auto pItem = pNewItem();
         pItem->DeserializeArrayJson(context, element);
@@ -162,6 +175,7 @@ void CListBase::DeserializeArrayJson(CContextJson& context, Json::Value& value)
     SetNull(true);
     if (pArray != nullptr && pArray->isArray()) {
         SetNull(false);
+        FillGaps(*pArray);
         for (Json::Value& element : *pArray) {
             auto pItem = pNewItem();
             pItem->iDeserializeJson(context, element);
@@ -214,6 +228,7 @@ long CListBase::iCheckArray(CContextJson& context, Json::Value& array, std::stri
         return iRefuseJson(context, pszError);
     }
     const auto pScratch = bFixed ? nullptr : pNewItem();
+    FillGaps(array);
     long iRet = 0;
     auto item = m_Record.begin();
     for (auto element = array.begin(); iRet == 0 && element != array.end(); ++element) {

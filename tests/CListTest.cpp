@@ -491,6 +491,25 @@ TEST_F(AList, IsRebuiltFromAnArrayWhenItsItemsMayBeDeleted)
     EXPECT_EQ("2,3,4,", szItems()) << "without a check: the oldest goes";
 }
 
+TEST_F(AList, TakesTheGapsOfAnArrayForTheNullsThatTheyAre)
+{
+    Fill();
+    for (const bool bRebuilt : {false, true}) {
+        m_List.SetAttributeCanDelete(bRebuilt);
+        Json::Value value;
+        value["l"][2] = "x"; // the places before it are there, and null
+        Json::Value checked(value);
+        EXPECT_EQ(0, m_List.iCheckJson(m_Put, checked, nullptr, false));
+        m_Put.m_bRoot = true;
+        EXPECT_TRUE(m_Root.bDeserializeValueJson(m_Put, value));
+        EXPECT_EQ(bRebuilt ? ",,x," : "a,b,x,", szItems());
+    }
+    Json::Value element;
+    element["l"][1][""] = "y"; // the member that a new item, without a label, reads
+    m_List.DeserializeArrayJson(m_Put, element);
+    EXPECT_EQ(",y,", szItems());
+}
+
 TEST_F(AList, GetsOneItemFromAPost)
 {
     m_List.SetIsModified(true);

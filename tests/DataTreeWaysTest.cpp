@@ -371,6 +371,21 @@ public:
     }
 };
 
+/// Publishes a document that it is given.
+class CGiven : public CObjectData
+{
+public:
+    explicit CGiven(Json::Value document) : CObjectData(nullptr, "given"), m_document(document) {}
+    void SerializeJson(CContextJson& /*context*/, Json::Value& value, bool /*bArray*/,
+                       int /*iDepth*/) override
+    {
+        value = m_document;
+    }
+
+private:
+    const Json::Value m_document;
+};
+
 /// Publishes a number that it makes for that alone.
 class CComputed : public CRecord
 {
@@ -461,6 +476,22 @@ TEST_F(AShortWay, PublishesNodesThatHaveGoneByThen)
     const std::string szExpected = szLongPublished(root, get);
     EXPECT_NE(std::string::npos, szExpected.find("a computed text with a long label"));
     EXPECT_EQ(szExpected, szPublished(root, Context(CContextJson::eGet)));
+}
+
+TEST_F(AShortWay, WritesAnArrayWithGapsAsTheJsonLibraryDoes)
+{
+    Json::Value document;
+    document["gaps"][3] = "x";
+    document["gaps"][1] = Json::Value(Json::arrayValue);
+    document["sized"].resize(2);
+    const std::string szExpected = Json::FastWriter().write(document);
+    EXPECT_EQ("{\"gaps\":[null,[],null,\"x\"],\"sized\":[null,null]}\n", szExpected);
+    CGiven given(document);
+    EXPECT_EQ(szExpected, szPublished(given, Context(CContextJson::eGet)));
+    CContextJson get = Context(CContextJson::eGet);
+    std::string szText;
+    EXPECT_TRUE(given.bSerializeJson(get, &szText, &document, 1));
+    EXPECT_EQ(szExpected, szText);
 }
 
 TEST_F(AShortWay, ReplacesAMemberOfADocumentAsAnAssignmentDoes)

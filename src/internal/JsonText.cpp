@@ -57,7 +57,7 @@ private:
     char m_aBuffer[512]; // of a record's text
 };
 
-/// What other writers than ours decide: texts to be escaped, and fractions.
+/// What other writers than ours decide: texts to be escaped, fractions, and arrays with gaps.
 void PutByFastWriter(CTextOut& out, const Json::Value& value)
 {
     const std::string szText = szFastWriterJson(value);
@@ -116,6 +116,10 @@ void Put(CTextOut& out, Value& value); // each calls the other
 template <class Value>
 void PutArray(CTextOut& out, Value& array)
 {
+    if (bHasGaps(array)) {
+        PutByFastWriter(out, array);
+        return;
+    }
     const auto begin = array.begin();
     const auto end = array.end();
     out.Put('[');

@@ -2,6 +2,7 @@
 /// @brief JSON documents from text and to text: the one place that uses jsoncpp's older classes.
 #pragma once
 
+#include <cstddef>
 #include <json/json.h>
 #include <sstream>
 #include <string>
@@ -26,6 +27,13 @@ inline bool bParseJson(const std::string& szText, Json::Value& value, std::strin
     }
     szErrors = reader.getFormattedErrorMessages();
     return false;
+}
+
+/// @return Whether some places of an array were skipped when a later one was stored. They count and
+///         are null, but iterators pass over them. A parsed array has none.
+inline bool bHasGaps(const Json::Value& array)
+{
+    return array.end() - array.begin() != static_cast<std::ptrdiff_t>(array.size());
 }
 
 /// @return The document in one line that ends in a line feed: what Json::FastWriter writes, without
