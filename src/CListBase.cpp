@@ -90,7 +90,7 @@ long CListBase::iSerialize(CSerialize& stream)
 {
     const Held held(m_Lock);
     if (!held) {
-        return -1;
+        return held.iResult();
     }
     if (stream.m_bLog) {
         QUORCORE_LOG(LOG_DEBUG, "%s = {\r\n", m_szLabel.c_str());
@@ -164,7 +164,7 @@ long CListBase::iCheckStatus(CSerialize& stream, bool bReset)
 {
     const Held held(m_Lock);
     if (!held) {
-        return -1;
+        return held.iResult();
     }
     if (stream.m_bLog) {
         // At the level of an error, unlike all other first lines: scripts find a check by it. Held
@@ -183,10 +183,7 @@ long CListBase::iCheckStatus(CSerialize& stream, bool bReset)
     iRet = iRet == 0 && iCount > m_SizeMax ? kOutOfBounds : iRet;
     iRet = iRet == 0 ? CObject::iCheckStatus(stream, bReset) : iRet;
     if (iRet == 0 && stream.bIsReady() && iCount > 0) {
-        const auto pScratch = pNewItem();
-        for (int iDone = 0; iRet == 0 && iDone < iCount; ++iDone) {
-            iRet = pScratch->iCheckStatus(stream, bReset);
-        }
+        iRet = iCheckItems(stream, iCount, bReset);
     }
     if (iRet != 0) {
         QUORCORE_LOG(LOG_ERR, "%s; iRet = %ld", m_szLabel.c_str(), iRet);
@@ -195,6 +192,20 @@ long CListBase::iCheckStatus(CSerialize& stream, bool bReset)
         QUORCORE_LOG(LOG_DEBUG, "%s; iRet = %ld", m_szLabel.c_str(), iRet);
     }
     return iRet;
+}
+
+long CListBase::iCheckItems(CSerialize& stream, int iCount, bool bReset)
+{
+    try {
+        const auto pScratch = pNewItem();
+        long iRet = 0;
+        for (int iDone = 0; iRet == 0 && iDone < iCount; ++iDone) {
+            iRet = pScratch->iCheckStatus(stream, bReset);
+        }
+        return iRet;
+    } catch (const std::exception&) { // no memory
+        return -1;
+    }
 }
 
 CObjectData* CListBase::pFindChildByName(const char* szName)

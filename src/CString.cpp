@@ -141,10 +141,12 @@ long CString::iPopCharacters(CSerialize& stream, uint16_t iLength, std::string& 
             szText.clear();
             return iPopBytes(stream, iLength, szText);
         }
-        if (szText.size() != iLength) {
-            szText.resize(iLength);
+        if (szText.size() == iLength) {
+            std::memcpy(szText.data(), pBytes, iLength);
+        } else {
+            szText.clear(); // without memory for the next text nothing is left of the former one
+            szText.assign(reinterpret_cast<const char*>(pBytes), iLength);
         }
-        std::memcpy(szText.data(), pBytes, iLength);
         return 0;
     } catch (const std::exception&) { // no memory
         return -1;

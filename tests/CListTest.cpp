@@ -16,6 +16,7 @@
 #include "support/VirtualSlot.h"
 
 #include <atomic>
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -439,7 +440,12 @@ TEST_F(AList, DoesNothingWithoutItsLock)
         const CUntakeableLock untakeable(m_List.m_Lock);
         EXPECT_EQ(-1, m_List.iAdd(&item, false));
         EXPECT_EQ(-1, m_List.iRemove(&item));
-        EXPECT_NE(0, lDecode(m_List, {0x00, 0x00, 0x08}));
+        EXPECT_EQ(EAGAIN, lDecode(m_List, {0x00, 0x00, 0x08}));
+        EXPECT_EQ(EAGAIN, lCheck(m_List, {0x00, 0x00, 0x08}));
+        ustring bytes;
+        CSerialize writer(&bytes, true, false, false);
+        EXPECT_EQ(EAGAIN, m_List.iSerialize(writer));
+        EXPECT_TRUE(bytes.empty());
         EXPECT_EQ(0, m_List.iDeserializeJson(m_Put, value));
         EXPECT_EQ(0, m_List.iCheckJson(m_Put, value, nullptr, false));
         m_List.SerializeJson(m_Put, value, false, 1);

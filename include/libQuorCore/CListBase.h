@@ -46,11 +46,12 @@ public:
 
     /// @return 0 once the count was written, whatever became of the items: meant, a peer gets what
     ///         there is. Reading: -1 for another count than that of a fixed shape; else the first
-    ///         result that is not 0, with the items read until then.
+    ///         result that is not 0, with the items read until then. Both: what the lock answered
+    ///         when it cannot be taken, as EAGAIN.
     long iSerialize(CSerialize& stream) override;
 
     /// Tests the count, and with a ready stream each item. @return 0, -2200 more items than
-    ///         the list takes, or the first other result that is not 0.
+    ///         the list takes, or the first other result that is not 0, as that of the lock.
     long iCheckStatus(CSerialize& stream, bool bReset) override;
 
     void SerializeJson(CContextJson& context, Json::Value& value, bool bArray, int iDepth) override;
@@ -140,6 +141,7 @@ private:
     std::unique_ptr<CObjectData> pNewItem() { return std::unique_ptr<CObjectData>(pMakeItem()); }
     long iReadItems(CSerialize& stream);
     long iRebuild(CSerialize& stream, uint16_t iCount);
+    long iCheckItems(CSerialize& stream, int iCount, bool bReset);
     Json::Value ItemsAsJson(CContextJson& context, int iDepth);
     void ReadArray(CContextJson& context, Json::Value& array);
     long iCheckArray(CContextJson& context, Json::Value& array, std::string* pszError, bool bReset);

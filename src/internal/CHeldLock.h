@@ -22,23 +22,24 @@ public:
     struct adopt_t {
     };
 
-    explicit CHeldLock(Lock& lock) : m_lock(lock), m_bHeld(lock.iLock() == 0) {}
-    CHeldLock(Lock& lock, adopt_t) : m_lock(lock), m_bHeld(true) {}
+    explicit CHeldLock(Lock& lock) : m_lock(lock), m_iResult(lock.iLock()) {}
+    CHeldLock(Lock& lock, adopt_t) : m_lock(lock), m_iResult(0) {}
     CHeldLock(const CHeldLock&) = delete;
     CHeldLock& operator=(const CHeldLock&) = delete;
     ~CHeldLock() noexcept(false)
     {
-        if (m_bHeld) {
+        if (m_iResult == 0) {
             m_lock.UnLock();
         }
     }
 
-    explicit operator bool() const { return m_bHeld; } ///< False: it was not taken.
+    explicit operator bool() const { return m_iResult == 0; } ///< False: it was not taken.
+    int iResult() const { return m_iResult; } ///< What the lock answered; 0: it was taken.
 
 private:
     CDeferredCancel m_deferred; // before the lock is taken, and until it is free
     Lock& m_lock;
-    const bool m_bHeld;
+    const int m_iResult;
 };
 
 /// Holds a raw mutex, with cancellation deferred in any thread; ask it whether it was taken.
