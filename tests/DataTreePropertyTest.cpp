@@ -16,43 +16,6 @@
 using namespace QuorCore;
 using namespace TestSupport;
 
-namespace
-{
-/// A random document: some of it fits a tree of the above, some does not.
-Json::Value AnyJson(Random& random, int iDepth)
-{
-    Json::Value value;
-    switch (iBelow(random, iDepth > 0 ? 9 : 7)) {
-    case 0:
-        return Json::Value(static_cast<Json::Int>(random()));
-    case 1:
-        return Json::Value(static_cast<Json::UInt64>(random()) << iBelow(random, 33));
-    case 2:
-        return Json::Value(1e300 * iBelow(random, 3) - 0.5);
-    case 3:
-        return Json::Value(szAnyText(random));
-    case 4:
-        return Json::Value(iBelow(random, 2) == 0);
-    case 5:
-        return Json::Value();
-    case 6:
-        return Json::Value(iBelow(random, 100));
-    case 7:
-        value = Json::Value(Json::arrayValue);
-        for (int i = iBelow(random, 5); i > 0; --i) {
-            value.append(AnyJson(random, iDepth - 1));
-        }
-        return value;
-    default:
-        value = Json::Value(Json::objectValue);
-        for (int i = iBelow(random, 6); i > 0; --i) {
-            value["c" + std::to_string(iBelow(random, 6))] = AnyJson(random, iDepth - 1);
-        }
-        return value;
-    }
-}
-} // namespace
-
 TEST(ARandomTree, ComesBackEqualInBinary)
 {
     for (unsigned i = 0; i < 200; ++i) {

@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
+#include <ctime>
 #include <gtest/gtest.h>
 #include <ostream>
 #include <string>
@@ -507,4 +509,80 @@ TEST_F(AShortWay, ReplacesAMemberOfADocumentAsAnAssignmentDoes)
     CContextJson get = Context(CContextJson::eGet);
     EXPECT_TRUE(root.bSerializeValueJson(get, document, 1));
     EXPECT_EQ(expected.toStyledString(), document.toStyledString());
+}
+
+namespace
+{
+/// The document of a random tree, nulls included.
+Json::Value DocumentOf(unsigned iShape, unsigned iValues)
+{
+    CDisturbedTree tree(iShape, iValues);
+    CContextJson get = Context(CContextJson::eGet);
+    get.m_bPubAll = true;
+    Json::Value document;
+    EXPECT_TRUE(tree.m_Root.bSerializeValueJson(get, document, 1000));
+    return document;
+}
+} // namespace
+
+TEST_F(AShortWay, WritesARequestAsItsTwoStepsDo)
+{
+    Random random(5);
+    int iAccepted = 0;
+    for (unsigned i = 0; i < 4000; ++i) {
+        CDisturbedTree first(i % 50, i);
+        CDisturbedTree second(i % 50, i);
+        const Json::Value document =
+            i % 3 != 0 ? AnyJson(random, 3) : DocumentOf(i % 50, i + random() % 2);
+        std::string szText = document.toStyledString();
+        szText.insert(0, "/* a request */ ");
+        const auto cmd = i % 4 == 0 ? CContextJson::ePost : CContextJson::ePut;
+        CContextJson context(cmd, "", SERIALIZE_JSON_STREAM, false, i % 2 == 0);
+        CContextJson steps(context);
+        std::string szOut;
+        const long lCode = first.m_Root.iMoWrite(context, &szText, &szOut, "");
+        std::string szError;
+        bool bDone = second.m_Root.iCheckStreamJson(steps, &szText, &szError, false) == 0;
+        if (bDone) {
+            steps.m_bRoot = true;
+            bDone = second.m_Root.bDeserializeJson(steps, &szText, nullptr);
+        }
+        std::string szFirst;
+        std::string szSecond;
+        Portray(first.m_Root, szFirst);
+        Portray(second.m_Root, szSecond);
+        ASSERT_EQ(szSecond, szFirst) << szText;
+        ASSERT_EQ(bDone ? 200 : 403, lCode) << szText;
+        EXPECT_EQ(bDone ? "" : steps.m_szCause, szOut);
+        EXPECT_EQ(steps.m_iCodeHTTP, context.m_iCodeHTTP);
+        iAccepted += bDone ? 1 : 0;
+    }
+    EXPECT_GT(iAccepted, 400);
+    EXPECT_LT(iAccepted, 3600);
+}
+
+TEST_F(AShortWay, ReadsADateAsTheCLibraryDoes)
+{
+    Random random(6);
+    int iRead = 0;
+    for (int i = 0; i < 40000; ++i) {
+        char aText[64];
+        std::snprintf(aText, sizeof(aText), "%04d-%02d-%02dT%02d:%02d:%02dZ",
+                      iBelow(random, 4) == 0 ? iBelow(random, 10000) : 1960 + iBelow(random, 90),
+                      iBelow(random, 14), iBelow(random, 33), iBelow(random, 26),
+                      iBelow(random, 62), iBelow(random, 64));
+        std::string szText(aText);
+        if (iBelow(random, 4) == 0) {
+            szText[random() % szText.size()] = " 0123456789-+TZ:."[random() % 17];
+        }
+        szText += iBelow(random, 16) == 0 ? "x" : "";
+        tm fields = {};
+        time_t expected = -1;
+        if (::strptime(szText.c_str(), "%Y-%m-%dT%H:%M:%SZ", &fields) != nullptr) {
+            expected = ::timegm(&fields); // -1, too, of what a time_t of 32 bits has no place for
+            ++iRead;
+        }
+        ASSERT_EQ(expected, iConvertCurrentDateTime(szText.c_str(), false)) << szText;
+    }
+    EXPECT_GT(iRead, 10000);
 }
