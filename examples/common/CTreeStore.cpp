@@ -297,10 +297,7 @@ void CTreeStore::ReadAll()
     }
     QUORCORE_LOG(LOG_NOTICE, "%s: %d records were read from %s, %d were not", m_szDirectory.c_str(),
                  iRead, m_szCurrent.c_str(), iUnread);
-    if (iUnread == 0) {
-        m_saved = Published();
-        m_bSaved = true;
-    }
+    m_bSaved = iUnread == 0 && bPublish(m_saved);
 }
 
 bool CTreeStore::bRead(CObjectData& child, int iStateFd)
@@ -341,7 +338,10 @@ bool CTreeStore::bSave()
                      m_szDirectory.c_str());
         return false;
     }
-    std::vector<record_t> records = Published();
+    std::vector<record_t> records;
+    if (!bPublish(records)) {
+        return false;
+    }
     const auto bSame = [](const record_t& left, const record_t& right) {
         return left.szLabel == right.szLabel && left.members == right.members;
     };
@@ -364,9 +364,9 @@ bool CTreeStore::bSave()
 }
 
 // What is null is left out: an attribute that no request may set null could not be read back else.
-std::vector<CTreeStore::record_t> CTreeStore::Published()
+bool CTreeStore::bPublish(std::vector<record_t>& records)
 {
-    std::vector<record_t> records;
+    records.clear();
     const std::lock_guard<std::mutex> held(m_tree.Lock());
     CObjectData* pChild = nullptr;
     for (int i = 0; (pChild = m_tree.pGetAt(i)) != nullptr; ++i) {
@@ -377,10 +377,15 @@ std::vector<CTreeStore::record_t> CTreeStore::Published()
         }
         record_t record{pChild->szGetLabel(), {}};
         CContextJson context(CContextJson::eGet, "", SERIALIZE_JSON_STREAM, false, false);
-        pChild->bSerializeValueJson(context, record.members, kWholeDepth);
+        if (!pChild->bSerializeValueJson(context, record.members, kWholeDepth)) {
+            // For want of memory, say: what there is of it must not take the place of the whole.
+            QUORCORE_LOG(LOG_ERR, "%s: not saved, it cannot be published",
+                         pChild->szGetFullName().c_str());
+            return false;
+        }
         records.push_back(std::move(record));
     }
-    return records;
+    return true;
 }
 
 std::string CTreeStore::szNextState() const

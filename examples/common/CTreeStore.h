@@ -67,7 +67,7 @@ private:
     bool bRemoveState(const std::string& szState) const;
     void ReadAll();
     bool bRead(QuorCore::CObjectData& child, int iStateFd);
-    std::vector<record_t> Published();
+    bool bPublish(std::vector<record_t>& records);
     std::string szNextState() const;
     bool bWriteState(const std::string& szState, const std::vector<record_t>& records) const;
     bool bSwitchTo(const std::string& szState);

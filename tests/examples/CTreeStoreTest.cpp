@@ -15,6 +15,7 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <new>
 #include <random>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -343,6 +344,41 @@ TEST_F(ATreeStore, KeepsTheOldStateWhenTheNewOneCannotBeWritten)
     EXPECT_EQ(1U, nLogged("state-2/callback: not saved, cannot be written"));
     EXPECT_THAT(Names(m_szStore), UnorderedElementsAre("current", "state-1"));
     EXPECT_THAT(szReadFile(szFile("callback")), HasSubstr("+33123"));
+}
+
+/// A record that cannot always be published.
+class CUnwilling : public CRecord
+{
+public:
+    explicit CUnwilling(CObject* pParent) : CRecord(pParent, "unwilling") {}
+    void SerializeJson(CContextJson& context, Json::Value& value, bool bArray, int iDepth) override
+    {
+        CRecord::SerializeJson(context, value, bArray, iDepth);
+        if (m_bUnwilling) {
+            throw std::bad_alloc();
+        }
+    }
+
+    bool m_bUnwilling = false;
+
+private:
+    CDMUInt m_First{this, "first", 1, 0, 9, 1};
+};
+
+TEST_F(ATreeStore, KeepsTheOldStateWhenARecordCannotBePublished)
+{
+    CLife life;
+    CUnwilling record(&life.tree);
+    ASSERT_TRUE(life.store.bOpen(m_szStore));
+    ASSERT_TRUE(life.store.bSave());
+    const std::string szBefore = szReadFile(szFile("unwilling"));
+    life.tree.m_Settings.m_Level = 9;
+    record.m_bUnwilling = true;
+    EXPECT_FALSE(life.store.bSave());
+    EXPECT_EQ(1U, nLogged("/db/unwilling: not saved, it cannot be published"));
+    EXPECT_EQ(szBefore, szReadFile(szFile("unwilling")));
+    record.m_bUnwilling = false;
+    EXPECT_TRUE(life.store.bSave());
 }
 
 TEST_F(ATreeStore, IsReadWholeAfterAKillAtAnyMomentOfASave)
