@@ -75,7 +75,6 @@ void CListBase::SerializeJson(CContextJson& context, Json::Value& value, bool bA
 Json::Value CListBase::ItemsAsJson(CContextJson& context, int iDepth)
 {
     const bool bFiles = context.bIsFile() && m_bIsContainer;
-    const CObjectData* const pLabelStays = std::exchange(context.m_pLabelStays, nullptr);
     std::set<std::string> written;
     Json::Value array(Json::arrayValue);
     for (CObjectData* pItem : m_Record) {
@@ -106,7 +105,6 @@ Json::Value CListBase::ItemsAsJson(CContextJson& context, int iDepth)
             pItem->WriteOwnFile(array[place]);
         }
     }
-    context.m_pLabelStays = pLabelStays;
     return array;
 }
 

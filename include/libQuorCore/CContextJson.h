@@ -75,7 +75,6 @@ public:
     bool m_bOnlyPublic;        ///< Masked attributes are left out.
 
 private:
-    friend class CListBase;
     friend class CObjectData;
     friend class CRecord;
 
