@@ -56,6 +56,13 @@ TEST_F(ADmObject, IsPublishedAsNullOnlyWhenAllIs)
     m_Sub.SetNull(true);
     EXPECT_EQ("{\"n\":1}\n", szAtDepth(5));
     EXPECT_EQ("{\"modified\":null,\"n\":1,\"sub\":null}\n", szPublishedWhole(m_Root));
+    for (const int iDepth : {0, -1, -2}) { // one level below the last it is still seen to be null
+        CContextJson get(CContextJson::eGet, "", SERIALIZE_JSON_STREAM, true, true);
+        get.m_bRoot = false;
+        std::string szOut;
+        EXPECT_TRUE(m_Sub.bSerializeStreamJson(get, szOut, iDepth));
+        EXPECT_EQ(iDepth >= -1 ? "{\"sub\":null}\n" : "null\n", szOut);
+    }
     m_Sub.SetNull(false);
     m_Sub.SetAttributeNone(true);
     EXPECT_EQ("{\"n\":1}\n", szAtDepth(5));
@@ -72,6 +79,13 @@ TEST_F(ADmObject, NotesOnlyAPut)
     EXPECT_FALSE(m_Root.m_Modified.bIsNull());
     EXPECT_LE(m_Root.m_Modified.dGetDiffTimeS(), 5.0);
     EXPECT_NE(std::string::npos, szAtDepth(0).find("\"modified\":\"20"));
+}
+
+TEST_F(ADmObject, NotesAPutThatDoesNotNameIt)
+{
+    EXPECT_TRUE(bApply(m_Root, "{\"n\":4}", CContextJson::ePut));
+    EXPECT_FALSE(m_Sub.m_Modified.bIsNull()) << "the records below, too, were written by it";
+    EXPECT_EQ(2, m_Inner.iGetVal());
 }
 
 TEST_F(ADmObject, NotesAPutOfAnElement)
@@ -92,7 +106,7 @@ TEST_F(ADmObject, IsAnElementOfAListAsDeepAsTheList)
     CDMObject deeper(pItem, "deeper");
     CDMInt leaf(&deeper, "leaf", 5, 0, 9, 5);
     ASSERT_EQ(0, list.iAdd(pItem, true));
-    EXPECT_NE(std::string::npos, szAtDepth(2).find("\"l\":[{\"deeper\":{\"leaf\":5}}]"));
+    EXPECT_NE(std::string::npos, szAtDepth(1).find("\"l\":[{\"deeper\":{\"leaf\":5}}]"));
 }
 
 TEST_F(ADmObject, HasAFileOfItsOwnWithoutAParent)

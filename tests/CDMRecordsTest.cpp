@@ -36,6 +36,27 @@ TEST_F(ACallbackService, StartsWithEverythingAllowedAndNobodyListed)
     EXPECT_FALSE(m_Service.bPhoneNumberAuthorized(""));
 }
 
+TEST_F(ACallbackService, HasBoundsAndInitialValues)
+{
+    EXPECT_EQ(-1, lCheck(m_Service.m_WhiteList, {0xFF, 0xFF, 0x00})) << "not too many";
+    for (const char* szLabel : {"smsCallback", "mtcCallback"}) {
+        const std::string szMember = std::string("{\"") + szLabel + "\":";
+        EXPECT_EQ(0, lCheckText(m_Service, szMember + "0}"));
+        EXPECT_EQ(0, lCheckText(m_Service, szMember + "2147483647}"));
+        EXPECT_EQ(403, lCheckText(m_Service, szMember + "2147483648}"));
+    }
+    for (CDMUInt* const pSetting : {&m_Service.m_SmsCallback, &m_Service.m_MtcCallback}) {
+        *pSetting = 9;
+        pSetting->Reset();
+        EXPECT_EQ(1U, pSetting->iGetVal());
+    }
+    for (CDMBoolean* const pService : {&m_Service.m_AuthSms, &m_Service.m_AuthMtc}) {
+        *pService = false;
+        pService->Reset();
+        EXPECT_TRUE(pService->iGetVal());
+    }
+}
+
 TEST_F(ACallbackService, IsWrittenInTheOrderOfItsAttributes)
 {
     m_Service.AddPhoneNumberToWhitelist("+33");
@@ -109,6 +130,29 @@ TEST_F(AServingCell, StartsWithoutMeasurements)
               "\"rsrp\":null,\"rssi\":null,\"rxLevel\":-999,\"rxQual\":null,\"sRxLevel\":null,"
               "\"ta\":null,\"techno\":\"GPRS\"}\n",
               szPublishedWhole(m_Cell));
+}
+
+TEST_F(AServingCell, HasItsAttributesInTheirOrder)
+{
+    int iPlace = 0;
+    for (const char* szLabel :
+         {"modified", "techno", "arfcn", "rssi", "ber", "rxLevel", "rxQual", "rscp", "ecno", "rsrp",
+          "sRxLevel", "ci", "lac", "mcc", "mnc", "ta", "dateMes"}) {
+        ASSERT_NE(nullptr, m_Cell.pGetAt(iPlace));
+        EXPECT_EQ(szLabel, m_Cell.pGetAt(iPlace)->szGetLabel());
+        ++iPlace;
+    }
+    EXPECT_EQ(nullptr, m_Cell.pGetAt(iPlace));
+}
+
+TEST_F(AServingCell, IsNotMeasuredAgainAfterAReset)
+{
+    m_Cell.m_RxLevel = -85;
+    m_Cell.m_RxLevel.Reset();
+    EXPECT_EQ(-999, m_Cell.m_RxLevel.iGetVal());
+    m_Cell.m_Techno = "LTE";
+    m_Cell.m_Techno.Reset();
+    EXPECT_EQ("GPRS", m_Cell.m_Techno.szGetVal());
 }
 
 TEST_F(AServingCell, IsWrittenInTheOrderOfItsAttributes)

@@ -184,6 +184,8 @@ TEST_F(AUrl, YieldsItsAddressInBrackets)
     EXPECT_EQ("::", szIpV6("http://[::1]:80")) << "3 characters are not looked at";
     EXPECT_EQ("::", szIpV6("]2001:db8::1["));
     EXPECT_EQ("::", szIpV6("[not an address]"));
+    EXPECT_EQ("::", szIpV6("[[2001:db8::1]")) << "from the first bracket";
+    EXPECT_EQ("::", szIpV6("[2001:db8::1]]")) << "to the last one";
     CDMUrl bounded(nullptr, "u", "init", 0, 99, "[2001:db8::2]");
     EXPECT_EQ(2, bounded.iGetAddrIpV6().s6_addr[15]);
 }

@@ -192,6 +192,16 @@ TEST_F(ADateTime, TakesTheClockWhenItIsDynamicAndWritten)
     EXPECT_EQ(static_cast<uint8_t>(m_Time.tmGetVal() & 0xFF), bytes[1]);
 }
 
+TEST_F(ADateTime, TakesNoClockWhenItIsDynamicAndRead)
+{
+    m_Time.SetAttributeDynamic(true);
+    m_Time.SetVal(0x5F5E1000);
+    EXPECT_EQ(0, lDecode(m_Time, {0x10, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(0x5F5E1000, m_Time.tmGetVal());
+    EXPECT_EQ(0, lDecode(m_Time, {0x10, 1, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(1, m_Time.tmGetVal());
+}
+
 TEST_F(ADateTime, SkipsItsTimeTwiceInTheCheckPass)
 {
     ustring bytes(9, 0x00);

@@ -526,6 +526,15 @@ TEST_F(AList, GetsOneItemFromAPost)
     EXPECT_EQ("+331,,", szItems()) << "a POST to a record reaches every list in it";
 }
 
+TEST_F(AList, GetsNothingFromAPostThatSetsItsRecordNull)
+{
+    CRecord record(&m_Root, "record");
+    CDMList<CDMString> list(&record, "inner", 3);
+    EXPECT_TRUE(bApply(m_Root, "{\"record\":null}", CContextJson::ePost));
+    EXPECT_TRUE(record.bIsNull());
+    EXPECT_EQ(0, list.iGetNbr());
+}
+
 TEST_F(AList, IsNotReadUnderNotifyAndNotModifiedThen)
 {
     Fill();
@@ -543,6 +552,11 @@ TEST_F(AList, IsFilledAsAnElementFromTheElementsOfItsMember)
     m_List.DeserializeArrayJson(m_Put, element);
     EXPECT_EQ("x,y,,", szItems());
     EXPECT_EQ(0, m_iAlive);
+    EXPECT_FALSE(m_List.bIsNull());
+    Json::Value other(Json::objectValue); // without the member
+    m_List.DeserializeArrayJson(m_Put, other);
+    EXPECT_EQ(0, m_List.iGetNbr());
+    EXPECT_TRUE(m_List.bIsNull());
 }
 
 TEST_F(AList, RefusesWhatReadingWouldDrop)

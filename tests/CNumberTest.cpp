@@ -232,6 +232,9 @@ TEST_F(ANumber, ChecksTheCandidateOfAReadyStreamAndStoresNothing)
     EXPECT_EQ(-1, lCheck(m_Number, {0x00, 0x0B}));
     EXPECT_EQ(-1, lCheck(m_Number, {}));
     EXPECT_EQ(7, m_Number.iGetVal());
+    m_Number.SetAttributeNone(true); // of it, too, a check skips the byte that is not written
+    EXPECT_EQ(0, lCheck(m_Number, {0xFF, 0x0A, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(-1, lCheck(m_Number, {0x0A, 0x00, 0x00, 0x00}));
 }
 
 TEST_F(ANumber, ChecksItsOwnValueWithoutAReadyStream)

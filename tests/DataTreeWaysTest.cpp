@@ -228,9 +228,59 @@ class AShortWay : public ::testing::Test
 };
 } // namespace
 
+namespace
+{
+/// Notes the size of each value that it is shown.
+template <class Base>
+class CNoting : public Base
+{
+public:
+    using Base::Base;
+    int iPushBuffer(void* pData, int iSize, std::string szLabel) override
+    {
+        m_sizes.push_back(iSize);
+        return Base::iPushBuffer(pData, iSize, std::move(szLabel));
+    }
+    int iPopBuffer(void* pData, int iSize, std::string szLabel) override
+    {
+        m_sizes.push_back(iSize);
+        return Base::iPopBuffer(pData, iSize, std::move(szLabel));
+    }
+
+    std::vector<int> m_sizes;
+};
+} // namespace
+
+TEST_F(AShortWay, IsNotForAStreamThatWantsToSeeEveryValue)
+{
+    CRecord root(nullptr, "root");
+    CNumber<int> number(&root, "n", 0, 0, 9, 7);
+    CNumber<bool> flag(&root, "b", false, false, true, true);
+    CString text(&root, "s", "abc");
+    CDMDateTime time(&root, "t");
+    CDMList<CDMString> list(&root, "l", 3);
+    CDMString item(nullptr, "i", "de");
+    ASSERT_EQ(0, list.iAdd(&item, false));
+    ustring bytes;
+    CNoting<CSerialize> writer(&bytes, true, false, false);
+    EXPECT_EQ(0, root.iSerialize(writer));
+    EXPECT_EQ((std::vector<int>{1, 1, 4, 1, 1, 1, 2, 3, 1, 8, 2, 1, 1, 2, 2}), writer.m_sizes);
+    const std::vector<int> popped = {1, 1, 4, 1, 1, 1, 2, 1, 1, 1, 1, 8, 2, 1, 1, 2, 1, 1};
+    CNoting<CSerialize> reader(&bytes, false, false, false);
+    EXPECT_EQ(0, root.iSerialize(reader));
+    EXPECT_EQ(popped, reader.m_sizes);
+    const auto size = static_cast<long>(bytes.size());
+    CNoting<CSerializeBuffer> bufferReader(bytes.data(), size, false, false, 0);
+    EXPECT_EQ(0, root.iSerialize(bufferReader));
+    EXPECT_EQ(popped, bufferReader.m_sizes);
+    CNoting<CSerializeBuffer> bufferWriter(bytes.data(), size, true, false, 0);
+    EXPECT_EQ(0, root.iSerialize(bufferWriter));
+    EXPECT_EQ(writer.m_sizes, bufferWriter.m_sizes);
+}
+
 TEST_F(AShortWay, WritesWhatTheLongOneWrites)
 {
-    for (unsigned i = 0; i < 300; ++i) {
+    for (unsigned i = 0; i < 100; ++i) {
         walk_t walk;
         walk.bSave = true;
         walk.bOnlyPublic = i % 2 == 0;
@@ -248,8 +298,8 @@ TEST_F(AShortWay, FillsABufferAsFarAsTheLongOne)
 {
     walk_t walk;
     walk.bSave = true;
-    for (unsigned i = 0; i < 50; ++i) {
-        for (size_t size = 0; size < 150 && !HasFatalFailure(); ++size) {
+    for (unsigned i = 0; i < 20; ++i) {
+        for (size_t size = 0; size < 100 && !HasFatalFailure(); ++size) {
             ExpectEqualWays(i, ustring(size, 0xEE), walk);
         }
     }
@@ -271,7 +321,7 @@ TEST_F(AShortWay, WritesNothingWithoutAByteString)
 TEST_F(AShortWay, ReadsWhatTheLongOneReads)
 {
     Random random(1);
-    for (unsigned i = 0; i < 2000; ++i) {
+    for (unsigned i = 0; i < 1000; ++i) {
         walk_t walk;
         walk.bOnlyPublic = i % 2 == 0;
         walk.lStart = iBelow(random, 4) == 0 ? kStarts[random() % std::size(kStarts)] : 0;
@@ -285,9 +335,9 @@ TEST_F(AShortWay, ReadsWhatTheLongOneReads)
 TEST_F(AShortWay, EndsWhereTheLongOneEndsInAStreamThatIsCutOff)
 {
     const walk_t walk;
-    for (unsigned i = 0; i < 50; ++i) {
+    for (unsigned i = 0; i < 20; ++i) {
         const ustring bytes = OtherBytes(i, false);
-        for (size_t size = 0; size < std::min<size_t>(bytes.size(), 150); ++size) {
+        for (size_t size = 0; size < std::min<size_t>(bytes.size(), 100); ++size) {
             ExpectEqualWays(i, bytes.substr(0, size), walk);
             if (HasFatalFailure()) {
                 return;
@@ -529,7 +579,7 @@ TEST_F(AShortWay, WritesARequestAsItsTwoStepsDo)
 {
     Random random(5);
     int iAccepted = 0;
-    for (unsigned i = 0; i < 4000; ++i) {
+    for (unsigned i = 0; i < 2000; ++i) {
         CDisturbedTree first(i % 50, i);
         CDisturbedTree second(i % 50, i);
         const Json::Value document =
@@ -557,8 +607,8 @@ TEST_F(AShortWay, WritesARequestAsItsTwoStepsDo)
         EXPECT_EQ(steps.m_iCodeHTTP, context.m_iCodeHTTP);
         iAccepted += bDone ? 1 : 0;
     }
-    EXPECT_GT(iAccepted, 400);
-    EXPECT_LT(iAccepted, 3600);
+    EXPECT_GT(iAccepted, 200);
+    EXPECT_LT(iAccepted, 1800);
 }
 
 TEST_F(AShortWay, ReadsADateAsTheCLibraryDoes)
