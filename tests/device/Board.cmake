@@ -9,31 +9,31 @@ set_tests_properties(ABoard.Boots PROPERTIES FIXTURES_SETUP board LABELS device 
 set_tests_properties(ABoard.IsSwitchedOff PROPERTIES FIXTURES_CLEANUP board LABELS device TIMEOUT 60)
 
 # A GoogleTest program becomes one test and one process, so that a board does not start two thousand
-# of them. These have cases that want a process of their own: they look at all that a program has in
-# the syslog, or for what it does at its very first step.
-set(board_case_by_case CThreadATTest CThreadSerialTest HelloDaemonTest QuorctlDaemonTest SupportTest)
-
+# of them.
 # What cannot be there: a copy of busybox does not know what it is under another name; three threads
 # that never wait leave an emulated processor to nobody else.
 set(board_filter_CCoreAppSignalTest AReapedProcess.KeepsItsStatusWhenItFindsItselfByName)
 set(board_filter_CSocketClientTest ASocketClient.ServesManyThreadsWhileItsLinkComesAndGoes)
 
+# These wait longest: the first ones to start.
+set(board_first ModemdTest CThreadATTest CThreadSerialTest CSocketBaseLoopTest CSocketHubLifeTest
+                CCoreAppSignalTest CProcessTest CThreadTest CFileNotificationTest HelloDaemonTreeTest)
+
 # What is named BoardTest drives the board's hardware, or sets its clock: alone.
 function(quorcore_run_on_board name)
     set(limit_s 600)
-    set(each_case)
     set(filter)
     if(DEFINED board_filter_${name})
         set(filter --gtest_filter=-${board_filter_${name}})
     endif()
-    if(name IN_LIST board_case_by_case)
-        set(each_case ${PROJECT_SOURCE_DIR}/tests/device/each-case)
-    endif()
-    add_test(NAME ${name} COMMAND ${board_program} run --limit ${limit_s} ${board_state} ${each_case}
+    add_test(NAME ${name} COMMAND ${board_program} run --limit ${limit_s} ${board_state}
                                   $<TARGET_FILE:${name}> ${filter})
     math(EXPR ctest_limit_s "${limit_s} + 30")
     set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED board LABELS device
                                             TIMEOUT ${ctest_limit_s})
+    if(name IN_LIST board_first)
+        set_tests_properties(${name} PROPERTIES COST 1)
+    endif()
     if(name MATCHES "BoardTest$")
         set_tests_properties(${name} PROPERTIES RUN_SERIAL ON)
     endif()

@@ -13,6 +13,16 @@
 
 namespace
 {
+/// Lets a case see what has been sent to the syslog in its own time only, when a program runs all
+/// of its cases in one process.
+class CFreshSyslog : public ::testing::EmptyTestEventListener
+{
+    void OnTestStart(const ::testing::TestInfo& /*test*/) override
+    {
+        TestSupport::CSyslogReceiver::Get().Clear();
+    }
+};
+
 int iRunTests()
 {
     try {
@@ -22,6 +32,8 @@ int iRunTests()
         std::cerr << "cannot set up the private /dev of the tests: " << error.what() << '\n';
         return EXIT_FAILURE;
     }
+    ::testing::UnitTest::GetInstance()->listeners().Append(
+        new CFreshSyslog); // GoogleTest's to delete
     return RUN_ALL_TESTS();
 }
 } // namespace
