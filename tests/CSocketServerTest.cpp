@@ -269,11 +269,13 @@ TEST_F(ASocketServer, ChoosesAnotherPortEachTimeItMayChoose)
 
 TEST_F(ASocketServer, SurvivesPeersThatLeaveAtOnce)
 {
-    for (size_t i = 1; i <= 3; ++i) {
+    const auto nEnds = [this] { return m_Store.Count(&m_Server, EVT_COM_DISCONNECTED); };
+    for (int i = 0; i < 3; ++i) {
+        const size_t nBefore = nEnds(); // a connection may tell of its end twice
         CTcpPeer peer;
         ASSERT_TRUE(peer.bConnect(m_iPort));
         peer.Reset();
-        ASSERT_TRUE(bAwait([&] { return m_Store.Count(&m_Server, EVT_COM_DISCONNECTED) >= i; }));
+        ASSERT_TRUE(bAwait([&] { return nEnds() > nBefore; }));
         ASSERT_TRUE(bListensAgain());
         m_iPort = m_Server.iAwaitPort();
     }

@@ -507,7 +507,9 @@ TEST_F(AThreadSerial, ClosesAPortThatHasNoRoomLeft)
     ASSERT_TRUE(bAwait([this] { return m_Store.Count(&m_Port, EVT_COM_CONNECTED) == 1; }));
     ASSERT_TRUE(m_Pty.bSend("abcde"));
     ASSERT_TRUE(m_Port.bAwaitChunks(1));
-    m_Port.Configure(0, 4, m_Pty.szPath().c_str()); // below what is kept
+    const int nReads = m_Port.m_nReads;
+    ASSERT_TRUE(bAwait([&] { return m_Port.m_nReads > nReads; })); // they are kept by now
+    m_Port.Configure(0, 4, m_Pty.szPath().c_str());                // below that
     EXPECT_TRUE(bAwait([this] { return m_Store.Count(&m_Port, EVT_COM_CONNECTED) == 2; }));
     ASSERT_TRUE(m_Pty.bSend("xy"));
     ASSERT_TRUE(m_Port.bAwaitChunks(2));
