@@ -9,8 +9,8 @@ namespace TestSupport
 /// @return Descriptors open at the moment, by /proc/self/fd; the one that counts is left out.
 size_t nOpenDescriptors();
 
-/// @return Threads alive at the moment, the main one included, by /proc/self/task. A joined thread
-///         may stay a moment longer: await the number. A sanitizer may have a thread of its own:
-///         compare with the number from before.
+/// @return Threads alive at the moment, the main one included, by /proc/self/task. One that was
+///         joined, and that the kernel has not quite removed yet, does not count. A sanitizer may
+///         have a thread of its own: compare with the number from before.
 size_t nThreads();
 } // namespace TestSupport
