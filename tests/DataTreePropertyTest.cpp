@@ -1,6 +1,7 @@
 #include "libQuorCore/CDMSrvCallback.h"
 #include "libQuorCore/CDMStatCellServing.h"
 
+#include "support/CDeadline.h"
 #include "support/CTempDirectory.h"
 #include "support/DataTrees.h"
 #include "support/RandomTree.h"
@@ -130,7 +131,7 @@ TEST(ARandomTree, SurvivesAMillionMembersAndStrangeNumbers)
 {
     CRandomTree tree(7, 7);
     std::string szText = "{";
-    for (int i = 0; i < 1000000; ++i) {
+    for (int i = 0; i < 1000000 / kSlowness; ++i) {
         szText += "\"m" + std::to_string(i) + "\":1,";
     }
     szText += "\"last\":1}";
@@ -171,15 +172,16 @@ TEST(ALargeTree, IsWrittenPublishedAndReadInLinearTime)
     // Only a guard against quadratic time; the figures are the benchmark's.
     CRecord root(nullptr, "root");
     std::vector<std::unique_ptr<CNumber<int>>> numbers;
-    for (int i = 0; i < 100000; ++i) {
+    constexpr int kNumbers = 100000 / kSlowness;
+    for (int i = 0; i < kNumbers; ++i) {
         numbers.push_back(std::make_unique<CNumber<int>>(&root, ("n" + std::to_string(i)).c_str(),
                                                          0, 0, 1000000, i));
     }
     const ustring bytes = Encoded(root);
-    EXPECT_EQ(1U + 5U * 100000U, bytes.size());
+    EXPECT_EQ(1U + 5U * kNumbers, bytes.size());
     EXPECT_EQ(0, lDecode(root, bytes));
     const std::string szText = szPublished(root, Context(CContextJson::eGet));
     EXPECT_EQ(0, lCheckText(root, szText));
     EXPECT_TRUE(bApply(root, szText));
-    EXPECT_EQ(99999, numbers.back()->iGetVal());
+    EXPECT_EQ(kNumbers - 1, numbers.back()->iGetVal());
 }

@@ -2,6 +2,7 @@
 /// @brief Waiting with a limit, for states that announce themselves by no event.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -11,8 +12,10 @@ namespace TestSupport
 /// sanitized tests may share two processors, and those of ARM may be emulated.
 #if defined(__arm__) || defined(__aarch64__)
 constexpr int kAwaitLimitMs = 60000;
+constexpr int kSlowness = 10; ///< What is only large, to be sure, is divided by it.
 #else
 constexpr int kAwaitLimitMs = 20000;
+constexpr int kSlowness = 1;
 #endif
 
 /// @brief A moment on the monotonic clock by which something must have happened.
@@ -40,7 +43,8 @@ private:
 };
 
 /**
- * @brief Asks again every millisecond until the answer is yes.
+ * @brief Asks again and again until the answer is yes: after 1 ms, then less and less often, at
+ *        least every 8 ms. Many tests wait at the same time.
  *
  * @param predicate  Called in the caller's thread, at least once, and a last time at the limit.
  * @param iLimitMs   Time allowed in ms.
@@ -49,8 +53,9 @@ private:
 template <class Predicate>
 bool bAwait(Predicate&& predicate, int iLimitMs = kAwaitLimitMs)
 {
+    constexpr std::chrono::milliseconds kPauseMax(8);
     const CDeadline deadline(iLimitMs);
-    for (;;) {
+    for (std::chrono::milliseconds pause(1);; pause = std::min(2 * pause, kPauseMax)) {
         const bool bLast = deadline.bPassed(); // before the question, which may itself take long
         if (predicate()) {
             return true;
@@ -58,7 +63,7 @@ bool bAwait(Predicate&& predicate, int iLimitMs = kAwaitLimitMs)
         if (bLast) {
             return false;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(pause);
     }
 }
 } // namespace TestSupport
