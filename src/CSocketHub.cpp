@@ -230,7 +230,10 @@ size_t CSocketHub::nPeers() const
 
 long CSocketHub::iRunThread()
 {
-    const CDeferredCancel deferred; // a cancellation unwinds at a system call, not with a lock held
+    const CDeferredCancel deferred;
+    // The loop is woken and ends by itself. Cancelled in a system call of its own, which on 32-bit
+    // ARM may not unwind it, it would leave the lock behind, and no other loop could begin.
+    const CNoCancel noCancel;
     // A stop that did not join may have left a loop in a handler's hands. The flag is not raised
     // before that one has ended, or it would go on as well, with the same buffer.
     const std::lock_guard<std::mutex> loopHeld(m_loopLock);
@@ -265,10 +268,12 @@ long CSocketHub::iStop(bool bWait, bool bForce)
     return bAutoDelete ? 0 : CThreadCom::iStop(bWait, bForce);
 }
 
-// A handler that throws has a peer to blame, and the other peers go on.
+// A handler that throws has a peer to blame, and the other peers go on. One that waits for ever may
+// be cancelled.
 template <class Call>
 void CSocketHub::Guarded(Call call)
 {
+    const CCancelAllowed allowed;
     try {
         call();
     } catch (const std::exception& exception) {

@@ -367,6 +367,24 @@ TEST(ASocketHubsLife, GoesOnAfterACancellation)
     EXPECT_EQ(nBefore, nOpenDescriptors());
 }
 
+TEST(ASocketHubsLife, IsForcedToEndBetweenTwoFramesByItself)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    COpenHub hub;
+    ASSERT_TRUE(bStart(hub));
+    const int iPort = hub.iListeningPort();
+    CTcpPeer peer;
+    ASSERT_TRUE(peer.bConnect(iPort));
+    ASSERT_TRUE(bAnswersAPing(peer));
+    hub.iStop(true, true);
+    EXPECT_TRUE(hub.bAwaitGone(eGone::STOPPED)) << "its loop was cancelled";
+    EXPECT_TRUE(peer.bReceiveEof());
+    ASSERT_TRUE(bStart(hub, iPort));
+    EXPECT_TRUE(bServes(hub));
+}
+
 TEST(ASocketHubsLife, SurvivesCancellationsUnderLoad)
 {
     if (kSanitized) {

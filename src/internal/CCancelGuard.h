@@ -108,4 +108,21 @@ public:
 private:
     int m_iFormerState = PTHREAD_CANCEL_ENABLE;
 };
+
+/// @brief Within a CNoCancel: lets a request be acted upon for a scope, where others' code runs.
+class CCancelAllowed
+{
+public:
+    CCancelAllowed() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &m_iFormerState); }
+    CCancelAllowed(const CCancelAllowed&) = delete;
+    CCancelAllowed& operator=(const CCancelAllowed&) = delete;
+    ~CCancelAllowed()
+    {
+        int iIgnored = 0;
+        pthread_setcancelstate(m_iFormerState, &iIgnored);
+    }
+
+private:
+    int m_iFormerState = PTHREAD_CANCEL_DISABLE;
+};
 } // namespace QuorCore
