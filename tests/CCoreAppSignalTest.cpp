@@ -338,7 +338,8 @@ TEST_F(AReapedProcess, KeepsItsStatusWhenItFindsItselfByName)
 {
     const CTempDirectory directory;
     const std::string szProgram = directory.szPath("quorfound");
-    std::filesystem::copy_file("/bin/cat", szProgram);
+    WriteFile(szProgram, "#!/bin/sh\nread -r line\nexit 0\n");
+    std::filesystem::permissions(szProgram, std::filesystem::perms::owner_all);
     CPipe in;
     CPipe out;
     m_Process.iCreateProcess(false, nullptr, szProgram.c_str(), nullptr, nullptr, &in, &out,
