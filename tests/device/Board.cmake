@@ -15,7 +15,7 @@ set_tests_properties(ABoard.IsSwitchedOff PROPERTIES FIXTURES_CLEANUP board LABE
 # What cannot be there: three threads that never wait leave an emulated processor to nobody else.
 set(board_filter_CSocketClientTest ASocketClient.ServesManyThreadsWhileItsLinkComesAndGoes)
 
-# These wait longest: the first ones to start.
+# These take longest: the first ones to start, also of those whose time CTest knows, in seconds.
 set(board_first ModemdTest CThreadATTest CThreadSerialTest CSocketBaseLoopTest CSocketHubLifeTest
                 CCoreAppSignalTest CProcessTest CThreadTest CFileNotificationTest HelloDaemonTreeTest)
 
@@ -32,7 +32,7 @@ function(quorcore_run_on_board name)
     set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED board LABELS device
                                             TIMEOUT ${ctest_limit_s})
     if(name IN_LIST board_first)
-        set_tests_properties(${name} PROPERTIES COST 1)
+        set_tests_properties(${name} PROPERTIES COST 1000)
     endif()
     if(name MATCHES "BoardTest$")
         set_tests_properties(${name} PROPERTIES RUN_SERIAL ON)
