@@ -15,6 +15,7 @@
 #include "support/CUntakeableLock.h"
 #include "support/Frames.h"
 #include "support/ProcessFacts.h"
+#include "support/Sanitized.h"
 
 #include <chrono>
 #include <fcntl.h>
@@ -424,9 +425,9 @@ TEST(ASocketClientInItsOwnNetwork, IsNotConnectedToItself)
 // A name server that hears every question and answers none: the look-up takes half a minute.
 TEST(ASocketClientInItsOwnNetwork, IsStoppedWhileItsNameIsLookedUp)
 {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "a thread may not be cancelled in getaddrinfo(3) there";
-#endif
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
     const CTempDirectory directory;
     const std::string szResolver = directory.szPath() + "/resolv.conf";
     std::ofstream(szResolver) << "nameserver 127.0.0.1\n";

@@ -1,10 +1,10 @@
 #include "libQuorCore/CDMSrvCallback.h"
 #include "libQuorCore/CDMStatCellServing.h"
 
-#include "support/CDeadline.h"
 #include "support/CTempDirectory.h"
 #include "support/DataTrees.h"
 #include "support/RandomTree.h"
+#include "support/Sanitized.h"
 
 #include <ctime>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ using namespace TestSupport;
 
 TEST(ARandomTree, ComesBackEqualInBinary)
 {
-    for (unsigned i = 0; i < 200; ++i) {
+    for (unsigned i = 0; i < 200 / kSlowness; ++i) {
         CRandomTree source(i, i);
         CRandomTree target(i, i + 1000);
         const ustring bytes = Encoded(source.m_Root);
@@ -31,7 +31,7 @@ TEST(ARandomTree, ComesBackEqualInBinary)
 
 TEST(ARandomTree, ComesBackEqualThroughACheckedRequest)
 {
-    for (unsigned i = 0; i < 200; ++i) {
+    for (unsigned i = 0; i < 200 / kSlowness; ++i) {
         CRandomTree source(i, i);
         CRandomTree target(i, i + 1000);
         std::string szText = szPublishedWhole(source.m_Root);
@@ -70,7 +70,7 @@ TEST(ARandomTree, IsNotChangedByARequestThatIsRefused)
     Random random(1);
     int iRefused = 0;
     int iAccepted = 0;
-    for (unsigned i = 0; i < 3000; ++i) {
+    for (unsigned i = 0; i < 3000 / kSlowness; ++i) {
         CRandomTree tree(i % 50, i);
         std::string szText = Json::FastWriter().write(AnyJson(random, 3));
         const ustring before = Encoded(tree.m_Root);
@@ -87,14 +87,14 @@ TEST(ARandomTree, IsNotChangedByARequestThatIsRefused)
         }
         ++(lCode == 200 ? iAccepted : iRefused);
     }
-    EXPECT_GT(iRefused, 100);
-    EXPECT_GT(iAccepted, 100);
+    EXPECT_GT(iRefused, 100 / kSlowness);
+    EXPECT_GT(iAccepted, 100 / kSlowness);
 }
 
 TEST(ARandomTree, SurvivesBytesThatAreAnything)
 {
     Random random(2);
-    for (unsigned i = 0; i < 3000; ++i) {
+    for (unsigned i = 0; i < 3000 / kSlowness; ++i) {
         CRandomTree tree(i % 50, i);
         ustring bytes = Encoded(tree.m_Root);
         for (int iChanges = iBelow(random, 4); iChanges >= 0 && !bytes.empty(); --iChanges) {
@@ -152,7 +152,7 @@ TEST(ARandomTree, SurvivesAMillionMembersAndStrangeNumbers)
 TEST(ARandomTree, IsPublishedAsTheJsonLibraryWritesIt)
 {
     Random random(4);
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 2000 / kSlowness; ++i) {
         Json::Value value = AnyJson(random, 4);
         std::string szText = szAnyText(random);
         szText += static_cast<char>(random());

@@ -8,6 +8,7 @@
 #include "support/CSyslogReceiver.h"
 #include "support/DataTrees.h"
 #include "support/RandomTree.h"
+#include "support/Sanitized.h"
 
 #include <algorithm>
 #include <climits>
@@ -280,7 +281,7 @@ TEST_F(AShortWay, IsNotForAStreamThatWantsToSeeEveryValue)
 
 TEST_F(AShortWay, WritesWhatTheLongOneWrites)
 {
-    for (unsigned i = 0; i < 100; ++i) {
+    for (unsigned i = 0; i < 100 / kSlowness; ++i) {
         walk_t walk;
         walk.bSave = true;
         walk.bOnlyPublic = i % 2 == 0;
@@ -298,7 +299,7 @@ TEST_F(AShortWay, FillsABufferAsFarAsTheLongOne)
 {
     walk_t walk;
     walk.bSave = true;
-    for (unsigned i = 0; i < 20; ++i) {
+    for (unsigned i = 0; i < 20 / kSlowness; ++i) {
         for (size_t size = 0; size < 100 && !HasFatalFailure(); ++size) {
             ExpectEqualWays(i, ustring(size, 0xEE), walk);
         }
@@ -321,7 +322,7 @@ TEST_F(AShortWay, WritesNothingWithoutAByteString)
 TEST_F(AShortWay, ReadsWhatTheLongOneReads)
 {
     Random random(1);
-    for (unsigned i = 0; i < 1000; ++i) {
+    for (unsigned i = 0; i < 1000 / kSlowness; ++i) {
         walk_t walk;
         walk.bOnlyPublic = i % 2 == 0;
         walk.lStart = iBelow(random, 4) == 0 ? kStarts[random() % std::size(kStarts)] : 0;
@@ -335,7 +336,7 @@ TEST_F(AShortWay, ReadsWhatTheLongOneReads)
 TEST_F(AShortWay, EndsWhereTheLongOneEndsInAStreamThatIsCutOff)
 {
     const walk_t walk;
-    for (unsigned i = 0; i < 20; ++i) {
+    for (unsigned i = 0; i < 20 / kSlowness; ++i) {
         const ustring bytes = OtherBytes(i, false);
         for (size_t size = 0; size < std::min<size_t>(bytes.size(), 100); ++size) {
             ExpectEqualWays(i, bytes.substr(0, size), walk);
@@ -349,7 +350,7 @@ TEST_F(AShortWay, EndsWhereTheLongOneEndsInAStreamThatIsCutOff)
 TEST_F(AShortWay, ChecksWhatTheLongOneChecks)
 {
     Random random(2);
-    for (unsigned i = 0; i < 1000; ++i) {
+    for (unsigned i = 0; i < 1000 / kSlowness; ++i) {
         walk_t walk;
         walk.bCheck = true;
         walk.bReset = i % 4 == 0;
@@ -490,7 +491,7 @@ void Relabel(CObjectData& node, Random& random)
 TEST_F(AShortWay, PublishesWhatTheLongOnePublishes)
 {
     Random random(4);
-    for (unsigned i = 0; i < 1000; ++i) {
+    for (unsigned i = 0; i < 1000 / kSlowness; ++i) {
         CDisturbedTree tree(i % 50, i);
         Relabel(tree.m_Root, random);
         const auto cmd = i % 4 == 0 ? CContextJson::eNotify : CContextJson::eGet;
@@ -579,7 +580,7 @@ TEST_F(AShortWay, WritesARequestAsItsTwoStepsDo)
 {
     Random random(5);
     int iAccepted = 0;
-    for (unsigned i = 0; i < 2000; ++i) {
+    for (unsigned i = 0; i < 2000 / kSlowness; ++i) {
         CDisturbedTree first(i % 50, i);
         CDisturbedTree second(i % 50, i);
         const Json::Value document =
@@ -607,15 +608,15 @@ TEST_F(AShortWay, WritesARequestAsItsTwoStepsDo)
         EXPECT_EQ(steps.m_iCodeHTTP, context.m_iCodeHTTP);
         iAccepted += bDone ? 1 : 0;
     }
-    EXPECT_GT(iAccepted, 200);
-    EXPECT_LT(iAccepted, 1800);
+    EXPECT_GT(iAccepted, 200 / kSlowness);
+    EXPECT_LT(iAccepted, 1800 / kSlowness);
 }
 
 TEST_F(AShortWay, ReadsADateAsTheCLibraryDoes)
 {
     Random random(6);
     int iRead = 0;
-    for (int i = 0; i < 40000; ++i) {
+    for (int i = 0; i < 40000 / kSlowness; ++i) {
         char aText[64];
         std::snprintf(aText, sizeof(aText), "%04d-%02d-%02dT%02d:%02d:%02dZ",
                       iBelow(random, 4) == 0 ? iBelow(random, 10000) : 1960 + iBelow(random, 90),
@@ -634,5 +635,5 @@ TEST_F(AShortWay, ReadsADateAsTheCLibraryDoes)
         }
         ASSERT_EQ(expected, iConvertCurrentDateTime(szText.c_str(), false)) << szText;
     }
-    EXPECT_GT(iRead, 10000);
+    EXPECT_GT(iRead, 10000 / kSlowness);
 }

@@ -12,10 +12,8 @@ namespace TestSupport
 /// sanitized tests may share two processors, and those of ARM may be emulated.
 #if defined(__arm__) || defined(__aarch64__)
 constexpr int kAwaitLimitMs = 60000;
-constexpr int kSlowness = 10; ///< What is only large, to be sure, is divided by it.
 #else
 constexpr int kAwaitLimitMs = 20000;
-constexpr int kSlowness = 1;
 #endif
 
 /// @brief A moment on the monotonic clock by which something must have happened.
