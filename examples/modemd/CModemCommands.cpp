@@ -233,14 +233,14 @@ answer_t CModemCommands::SetApn(const std::string& szApn)
 
 answer_t CModemCommands::SetPinActive(const std::string& szPin, bool bActive)
 {
+    if (!bIsPin(szPin)) {
+        return {MODEM_BAD_REQUEST, "a PIN has 4 to 8 digits"};
+    }
     atCommand_t command;
     command.szText = std::string("AT+CLCK=\"SC\",") + (bActive ? '1' : '0') + ",\"" + szPin + '"';
     command.bSecret = true;
     command.iTimeOut = m_limits.iNetworkMs;
     atResult_t result;
-    if (!bIsPin(szPin)) {
-        return {MODEM_BAD_REQUEST, "a PIN has 4 to 8 digits"};
-    }
     return m_port.lCommand(command, result) == 0 ? answer_t{} : RefusalOf(result);
 }
 

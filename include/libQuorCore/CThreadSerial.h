@@ -32,10 +32,11 @@ class CFdGate;
  * by AThreadSerial.TellsNobodyThatItsPortIsClosed.
  *
  * Threads: any may write, flush, change the speed or the signals, close and stop. What changes or
- * writes the port takes m_RecursiveLock; reading does not. Close() and iStop() throw away what the
- * line has not taken yet, so that a modem that takes nothing holds nobody up; the descriptor itself
- * is closed when its last user has left it, a read of another thread at the latest 200 ms later. A
- * port is not opened anew before OnLinkLost() has returned for the one that was closed.
+ * writes the port takes m_RecursiveLock; reading does not, and the serial thread only for a moment
+ * between two chunks. Close() and iStop() throw away what the line has not taken yet, so that a
+ * modem that takes nothing holds nobody up; the descriptor itself is closed when its last user has
+ * left it, a read of another thread at the latest 200 ms later. A port is not opened anew before
+ * OnLinkLost() has returned for the one that was closed.
  * Ownership: owns the descriptor. A class derived from this one calls EndThread() in its own
  * destructor. Errors: by return value; nothing throws. Rests on termios(3) and ioctl_tty(2).
  */
