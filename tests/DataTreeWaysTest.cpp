@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <gtest/gtest.h>
@@ -396,7 +397,8 @@ TEST_F(AShortWay, EndsWithTheLastValueThatFits)
     for (CObjectData* const pNode :
          {static_cast<CObjectData*>(&number), static_cast<CObjectData*>(&text),
           static_cast<CObjectData*>(&time)}) {
-        for (long lStart = INT_MAX - 12L; lStart <= INT_MAX; ++lStart) {
+        for (int64_t llStart = INT_MAX - 12LL; llStart <= INT_MAX; ++llStart) {
+            const auto lStart = static_cast<long>(llStart);
             ustring bytes;
             CSerialize stream(&bytes, true, false, false);
             ustring longBytes;
