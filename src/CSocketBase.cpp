@@ -62,6 +62,9 @@ long CSocketBase::iStop(bool bWait, bool bForce)
     if (bAutoDelete) {
         return 0; // its thread may have deleted the object by now
     }
+    if (bForce) {
+        LetThreadEnd();
+    }
     return CThreadCom::iStop(bWait, bForce);
 }
 

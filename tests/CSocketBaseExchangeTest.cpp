@@ -9,6 +9,7 @@
 #include "support/CTestEndpoint.h"
 #include "support/CUntakeableLock.h"
 #include "support/Frames.h"
+#include "support/Sanitized.h"
 
 #include <array>
 #include <chrono>
@@ -362,7 +363,7 @@ TEST_F(ASocketExchange, WaitsForTheOneBeforeIt)
 TEST_F(ASocketExchange, ServesSeveralThreadsInTurn)
 {
     constexpr int kThreads = 4;
-    const int kExchanges = iRounds(100);
+    const int kExchanges = nRounds(100);
     std::atomic<int> iRight{0};
     std::vector<std::thread> callers;
     for (int iCaller = 0; iCaller < kThreads; ++iCaller) {
@@ -401,15 +402,15 @@ TEST_F(ASocketExchange, IsNotDisturbedByChildrenThatEnd)
         }
     });
     auto peer = std::async(std::launch::async, [&] {
-        for (int i = 0; i < iRounds(400); ++i) {
+        for (int i = 0; i < nRounds(400); ++i) {
             m_Peer.bSend(FrameBytes(kAnswer, ReceiveFrame(m_Peer).szData));
         }
     });
     int iRight = 0;
-    for (int i = 0; i < iRounds(400); ++i) {
+    for (int i = 0; i < nRounds(400); ++i) {
         iRight += Exchange().get() == 0 && szAnswer() == "request" ? 1 : 0;
     }
-    EXPECT_EQ(iRounds(400), iRight);
+    EXPECT_EQ(nRounds(400), iRight);
     EXPECT_TRUE(m_Endpoint.bGetConnected());
     bGo = false;
 }

@@ -5,6 +5,7 @@
 
 #include "internal/CUniqueFd.h"
 
+#include "support/CForced.h"
 #include "support/CLogLevel.h"
 #include "support/CMessageStore.h"
 #include "support/CSyslogReceiver.h"
@@ -12,6 +13,7 @@
 #include "support/CTestEndpoint.h"
 #include "support/Frames.h"
 #include "support/ProcessFacts.h"
+#include "support/Sanitized.h"
 
 #include <algorithm>
 #include <chrono>
@@ -566,7 +568,7 @@ TEST_F(ARunningSocketBase, StaysConnectedToAPeerThatHasEndedItsSide)
 
 TEST_F(ARunningSocketBase, QueuesOneEventForAFloodOfFrames)
 {
-    const int kFrames = iRounds(4000);
+    const int kFrames = nRounds(4000);
     const std::string szBurst = FrameBytes(CMD_COMMUN_PING) + FrameBytes(CMD_COMMUN_PONG) +
                                 FrameBytes(CMD_COMMUN_SET_LOG_CONFIG, "\x7F\x07");
     auto flooding = std::async(std::launch::async, [&] {
@@ -732,7 +734,7 @@ TEST(ASocketBaseLoop, HasNoBufferToReadIntoUnlessItIsConfigured)
 TEST(ASocketBaseLoop, EndsWhileItReads)
 {
     const size_t before = nOpenDescriptors();
-    for (int i = 0; i < iRounds(240); ++i) {
+    for (int i = 0; i < nRounds(240); ++i) {
         CTcpPeer peer;
         COpenEndpoint<CSocketBase> endpoint(iConnectTo(peer));
         endpoint.Configure(0, 100, "");
@@ -748,10 +750,51 @@ TEST(ASocketBaseLoop, EndsWhileItReads)
     EXPECT_EQ(before, nOpenDescriptors());
 }
 
+TEST(ASocketBaseLoop, EndsByItselfWhenItIsForcedTo)
+{
+    const size_t before = nOpenDescriptors();
+    const int nStops = nRounds(100);
+    int nEnds = 0;
+    for (int i = 0; i < nStops; ++i) {
+        CTcpPeer peer;
+        CForced<COpenEndpoint<CSocketBase>> endpoint(iConnectTo(peer));
+        endpoint.Configure(0, 100, "");
+        ASSERT_EQ(0, endpoint.iCreateThread(true, kStartLimitMs));
+        endpoint.iStop(true, true);
+        ASSERT_FALSE(endpoint.bIsRunning());
+        nEnds += endpoint.m_nEnds;
+    }
+    EXPECT_LE(nStops * 9 / 10, nEnds) << "the others were too slow, and cancelled";
+    EXPECT_EQ(before, nOpenDescriptors());
+}
+
+TEST(ASocketBaseLoop, IsCancelledInAHandlerThatNeverReturns)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    const size_t before = nOpenDescriptors();
+    {
+        CTcpPeer peer;
+        CForced<COpenEndpoint<CSocketBase>> endpoint(iConnectTo(peer));
+        endpoint.m_bDwells = true;
+        endpoint.Configure(0, 100, "");
+        ASSERT_EQ(0, endpoint.iCreateThread(true, kStartLimitMs));
+        ASSERT_TRUE(peer.bSend(FrameBytes(CMD_COMMUN_PING)));
+        ASSERT_TRUE(bAwait([&endpoint] { return endpoint.m_nHandled == 1; }));
+        const auto begin = Clock::now();
+        EXPECT_EQ(0, endpoint.iStop(true, true));
+        EXPECT_GT(std::chrono::seconds(8), Clock::now() - begin);
+        EXPECT_FALSE(endpoint.bIsRunning());
+        EXPECT_EQ(0, endpoint.m_nEnds);
+    }
+    EXPECT_EQ(before, nOpenDescriptors());
+}
+
 TEST(ASocketBaseLoop, EndsWhileItIsConnecting)
 {
     const size_t before = nOpenDescriptors();
-    for (int i = 0; i < iRounds(200); ++i) {
+    for (int i = 0; i < nRounds(200); ++i) {
         CDialler dialler;
         dialler.SetFirstConnectDelay(0);
         dialler.m_bSucceed = true;
@@ -771,7 +814,7 @@ TEST(ASocketBaseLoop, MayDeleteItsObject)
     std::thread([] {}).join(); // a sanitizer starts its own with the first
     const size_t descriptors = nOpenDescriptors();
     const size_t threads = nThreads();
-    for (int i = 0; i < iRounds(200); ++i) {
+    for (int i = 0; i < nRounds(200); ++i) {
         CTcpPeer peer;
         auto* const pEndpoint = new COpenEndpoint<CSocketBase>(iConnectTo(peer));
         pEndpoint->Configure(0, 100, "");
@@ -811,7 +854,7 @@ TEST(ASocketBaseLoop, MayStillBeEndingWhenItsObjectIsDestroyed)
     std::thread([] {}).join(); // a sanitizer starts its own with the first
     const size_t descriptors = nOpenDescriptors();
     const size_t threads = nThreads();
-    for (int i = 0; i < iRounds(200); ++i) {
+    for (int i = 0; i < nRounds(200); ++i) {
         CTcpPeer peer;
         std::promise<void> entered;
         CAdoptingClient client(iConnectTo(peer));
@@ -846,7 +889,7 @@ TEST(ASocketBaseLoop, SurvivesEverythingAtOnce)
 {
     const CLogLevel level;
     const size_t before = nOpenDescriptors();
-    for (int iRound = 0; iRound < iRounds(12); ++iRound) {
+    for (int iRound = 0; iRound < nRounds(12); ++iRound) {
         CMessageStore store;
         CTcpPeer peer;
         COpenEndpoint<CSocketBase> endpoint(iConnectTo(peer));

@@ -14,6 +14,7 @@
 #include "support/CUntakeableLock.h"
 #include "support/Frames.h"
 #include "support/ProcessFacts.h"
+#include "support/Sanitized.h"
 
 #include <cerrno>
 #include <csignal>
@@ -447,7 +448,7 @@ TEST_F(ASocketBase, SendsSmallCommandsWholeThroughSignals)
     ASSERT_EQ(0, sigaction(SIGUSR1, &action, nullptr)); // without SA_RESTART: send() is cut short
     const int iLeast = 1;
     ASSERT_EQ(0, setsockopt(m_Endpoint.m_iSocket, SOL_SOCKET, SO_SNDBUF, &iLeast, sizeof(iLeast)));
-    const int kFrames = iRounds(2000);
+    const int kFrames = nRounds(2000);
     std::promise<pthread_t> thread;
     auto sending = std::async(std::launch::async, [&] {
         thread.set_value(pthread_self());
@@ -492,7 +493,7 @@ TEST_F(ASocketBase, EndsAWriteThatAnotherThreadCloses)
 TEST_F(ASocketBase, NeverMixesTheFramesOfSeveralThreads)
 {
     constexpr int kWriters = 4;
-    const int kFrames = iRounds(400);
+    const int kFrames = nRounds(400);
     std::vector<std::thread> writers;
     for (int iWriter = 0; iWriter < kWriters; ++iWriter) {
         writers.emplace_back([this, iWriter, kFrames] {

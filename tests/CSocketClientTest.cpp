@@ -296,7 +296,7 @@ TEST_F(ASocketClient, DisconnectsOnceWhenItIsDestroyed)
 TEST_F(ASocketClient, StartsAndEndsAtAnyMoment)
 {
     const size_t before = nOpenDescriptors();
-    for (int i = 0; i < iRounds(200); ++i) {
+    for (int i = 0; i < nRounds(200); ++i) {
         COpenClient client;
         client.Configure(m_Peer.iPort(), 100, "127.0.0.1");
         client.SetFirstConnectDelay(0);

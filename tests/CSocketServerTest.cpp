@@ -10,6 +10,7 @@
 #include "support/CTestEndpoint.h"
 #include "support/Frames.h"
 #include "support/ProcessFacts.h"
+#include "support/Sanitized.h"
 
 #include <cerrno>
 #include <chrono>
@@ -520,7 +521,7 @@ TEST(ASocketServerByItself, DisconnectsOnceWhenItIsDestroyed)
 TEST(ASocketServerByItself, StartsAndEndsAtAnyMoment)
 {
     const size_t before = nOpenDescriptors();
-    for (int i = 0; i < iRounds(200); ++i) {
+    for (int i = 0; i < nRounds(200); ++i) {
         COpenServer server;
         server.Configure(0, 100, "server");
         server.SetFirstConnectDelay(0);

@@ -7,6 +7,7 @@
 #include "libQuorCore/CThreadSerial.h"
 
 #include "support/CChild.h"
+#include "support/CForced.h"
 #include "support/CLogLevel.h"
 #include "support/CMessageStore.h"
 #include "support/CPty.h"
@@ -16,6 +17,7 @@
 #include "support/CUntakeableLock.h"
 #include "support/LogLines.h"
 #include "support/ProcessFacts.h"
+#include "support/Sanitized.h"
 
 #include <array>
 #include <atomic>
@@ -595,6 +597,39 @@ TEST_F(AThreadSerial, CanBeStartedAgain)
     Start();
     ASSERT_TRUE(m_Pty.bSend("abc"));
     EXPECT_TRUE(m_Port.bAwaitChunks(1));
+}
+
+using AForcedSerial = ASerialTest<CForced<COpenPort<CThreadSerial>>>;
+
+TEST_F(AForcedSerial, EndsByItself)
+{
+    const size_t nOpen = nOpenDescriptors();
+    const int nStops = nRounds(50);
+    for (int i = 0; i < nStops; ++i) {
+        Start();
+        m_Port.iStop(true, true);
+        ASSERT_FALSE(m_Port.bIsRunning());
+    }
+    EXPECT_LE(nStops * 9 / 10, m_Port.m_nEnds) << "the others were too slow, and cancelled";
+    EXPECT_EQ(nOpen, nOpenDescriptors());
+}
+
+TEST_F(AForcedSerial, IsCancelledInAHandlerThatNeverReturns)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << kNoCancelReason;
+    }
+    const size_t nOpen = nOpenDescriptors();
+    m_Port.m_bDwells = true;
+    Start();
+    ASSERT_TRUE(m_Pty.bSend("abc"));
+    ASSERT_TRUE(bAwait([this] { return m_Port.m_nHandled == 1; }));
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(0, m_Port.iStop(true, true));
+    EXPECT_GT(kAtOnce, steady_clock::now() - begin);
+    EXPECT_FALSE(m_Port.bIsRunning());
+    EXPECT_EQ(0, m_Port.m_nEnds);
+    EXPECT_EQ(nOpen, nOpenDescriptors());
 }
 
 TEST_F(AThreadSerial, DeletesItselfWhenToldSo)

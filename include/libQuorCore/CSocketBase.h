@@ -67,7 +67,9 @@ public:
      */
     void SetFirstConnectDelay(int iSeconds) { m_iFirstConnectDelaySec = iSeconds; }
 
-    /// Lowers m_bRun, closes, and stops the thread as CThread::iStop() does. @return 0.
+    /// Lowers m_bRun, closes, and stops the thread as CThread::iStop() does. By force it is
+    /// cancelled if it has not ended a second after its connection was closed, that is, if a
+    /// handler keeps it. @return 0.
     long iStop(bool bWait, bool bForce) override;
 
     /**

@@ -145,6 +145,11 @@ protected:
     /// The second half of it: for an object that was stopped already, maybe without waiting.
     void AwaitThreadEnd();
 
+    /// Before a cancellation: gives a thread that was woken a second to end by itself. Cancelled at
+    /// that very moment, it may be in no state to be unwound on 32-bit ARM. Returns at once in the
+    /// thread itself, and if there is none.
+    void LetThreadEnd();
+
     /// The object as a thread, or null. Asks a plain field rather than the type information, which
     /// changes while an object is being destroyed: a slot may look at the origin of a message just
     /// then, and ~CThread waits for it.

@@ -58,7 +58,9 @@ public:
     /// @param iSeconds  5 unless set; below 1 it is 1.
     void SetReopenDelay(int iSeconds) { m_iReopenDelaySec = iSeconds; }
 
-    /// Lowers m_bRun, closes, and stops the thread as CThread::iStop() does. @return 0.
+    /// Lowers m_bRun, closes, and stops the thread as CThread::iStop() does. By force it is
+    /// cancelled if it has not ended a second after its port was closed, that is, if a handler
+    /// keeps it. @return 0.
     long iStop(bool bWait, bool bForce) override;
 
     long iRunThread() override;    ///< Opens and reads until it is stopped. @return 0.

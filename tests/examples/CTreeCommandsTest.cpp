@@ -9,6 +9,7 @@
 #include "support/CTempDirectory.h"
 #include "support/CTestEndpoint.h"
 #include "support/Frames.h"
+#include "support/Sanitized.h"
 
 #include <atomic>
 #include <gmock/gmock.h>
@@ -307,7 +308,7 @@ TEST_F(ATreesCommands, ShareTheTreeWithItsStore)
             m_Tree.m_Settings.m_Count.iInc();
         }
     });
-    for (int i = 0; i < iRounds(200); ++i) {
+    for (int i = 0; i < nRounds(200); ++i) {
         const std::string szList = i % 2 == 0 ? "[\"1\",\"2\"]" : "[]";
         EXPECT_EQ(0, Ask(kSet, "{\"callback\":{\"whiteList\":" + szList + "}}").iError);
         EXPECT_EQ("{\"whiteList\":" + szList + "}\n", szGot("/db/callback/whiteList"));

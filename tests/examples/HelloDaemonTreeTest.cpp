@@ -5,6 +5,7 @@
 #include "support/CTestEndpoint.h"
 #include "support/Files.h"
 #include "support/Frames.h"
+#include "support/Sanitized.h"
 
 #include <libQuorCore/CDMStatCellServing.h>
 
@@ -248,7 +249,7 @@ TEST_F(AHelloDaemonsTree, ComesUpWholeAfterAKillAtAnyMomentOfASave)
 {
     std::minstd_rand random(20261122);
     int iSaved = 1; // what the record is built with
-    for (int iRound = 0; iRound < iRounds(40); ++iRound) {
+    for (int iRound = 0; iRound < nRounds(40); ++iRound) {
         ASSERT_NO_FATAL_FAILURE(Start());
         EXPECT_EQ(0U, CSyslogReceiver::Get().Count("not read"));
         // Two records carry the same number, since they are saved in one step.

@@ -17,16 +17,6 @@ constexpr int kStartLimitMs = 10000; ///< For a thread to start.
 constexpr long kForEver = -1;        ///< Time-out of an exchange.
 constexpr long kAmpleMs = 20000;     ///< Time-out of an exchange that is answered.
 
-/// @return Repetitions of a test that hunts for races: fewer where each takes long.
-constexpr int iRounds(int iUsual)
-{
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-    return iUsual / 4;
-#else
-    return iUsual;
-#endif
-}
-
 /**
  * @brief An endpoint with its members open, that a test may give a socket of its own.
  *
