@@ -8,6 +8,7 @@
 #include "support/CWatchedProcess.h"
 #include "support/CallFilter.h"
 #include "support/Files.h"
+#include "support/Sanitized.h"
 
 #include <array>
 #include <atomic>
@@ -401,7 +402,7 @@ TEST_F(AReapedProcess, MayBeDestroyedWhileItEnds)
 TEST_F(AReapedProcess, GivesCommandsTheirTrueStatusInManyThreads)
 {
     constexpr int kThreads = 4;
-    constexpr int kRuns = 150;
+    constexpr int kRuns = nRounds(150);
     std::atomic<int> nRight{0};
     std::vector<std::thread> threads;
     for (int iThread = 0; iThread < kThreads; ++iThread) {

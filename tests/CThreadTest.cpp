@@ -1281,13 +1281,14 @@ TEST_F(AThread, LogsOnInAChildThatWasForkedAmongLoggingThreads)
         }));
         ASSERT_EQ(0, threads.back()->iCreateThread(true, kAwaitLimitMs));
     }
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < nRounds(100); ++i) {
         const ChildResult result = RunInChild([] {
             QUORCORE_LOG(LOG_ERR, "from the child: %s", CThread::m_Logger.strerrorT(EIO).c_str());
             return 0;
         });
         ASSERT_EQ(0, result.iExitCode);
     }
-    EXPECT_EQ(100U, m_Log.m_Syslog.Count("from the child: Input/output error"));
+    EXPECT_EQ(static_cast<size_t>(nRounds(100)),
+              m_Log.m_Syslog.Count("from the child: Input/output error"));
 }
 } // namespace

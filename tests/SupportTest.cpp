@@ -5,6 +5,7 @@
 #include "support/CTempDirectory.h"
 #include "support/Files.h"
 #include "support/ProcessFacts.h"
+#include "support/Sanitized.h"
 
 #include <atomic>
 #include <cerrno>
@@ -429,7 +430,7 @@ TEST_F(AProcess, CountsItsThreads)
     bStop = true;
     second.join();
     EXPECT_EQ(nBefore, nThreads());
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < nRounds(1000); ++i) {
         std::thread([] {}).join();
         ASSERT_EQ(nBefore, nThreads()) << "counts a thread that was joined";
     }

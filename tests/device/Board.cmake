@@ -17,7 +17,8 @@ set(board_filter_CSocketClientTest ASocketClient.ServesManyThreadsWhileItsLinkCo
 
 # These take longest: the first ones to start, also of those whose time CTest knows, in seconds.
 set(board_first ModemdTest CThreadATTest CThreadSerialTest CSocketBaseLoopTest CSocketHubLifeTest
-                CCoreAppSignalTest CProcessTest CThreadTest CFileNotificationTest HelloDaemonTreeTest)
+                CCoreAppSignalTest CProcessTest CThreadTest CFileNotificationTest HelloDaemonTest
+                QuorctlDaemonTest QuorctlModemDaemonTest QuorctlPeerTest)
 
 # What is named BoardTest drives the board's hardware, or sets its clock: alone.
 function(quorcore_run_on_board name)

@@ -2,6 +2,7 @@
 #include "internal/CFrameAssembler.h"
 
 #include "support/Frames.h"
+#include "support/Sanitized.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -83,7 +84,7 @@ TEST_F(AFrameAssembler, FindsTheFramesOfAStreamCutAtAnyTwoPlaces)
     const std::vector<std::string> frames = SomeFrames();
     const std::string szStream = Joined(frames);
     for (size_t first = 0; first <= szStream.size(); ++first) {
-        for (size_t second = first; second <= szStream.size(); ++second) {
+        for (size_t second = first; second <= szStream.size(); second += kSlowness) {
             m_frames.clear();
             Feed(szStream.substr(0, first));
             Feed(szStream.substr(first, second - first));
