@@ -20,7 +20,7 @@ namespace
 constexpr size_t kStackSizeBytes = 0x1400000; // reserved, not used: 20 MiB
 constexpr int kJoinLimitMs = 10000;           // for the end of a loop, then the thread is cancelled
 constexpr int kUnwindLimitMs = 1000;          // from a thread's last line to its end
-constexpr int kForcedStopGraceMs = 1000;      // from its wake-up on, then a thread is cancelled
+constexpr int kForcedStopGraceMs = 2000;      // a step of bDynWait() is 1 s, and nothing wakes it
 constexpr int kHandshakeStepMs = 10;          // start time-outs count in these
 
 /// The attributes that every thread is created with; pthread_attr_init(3).

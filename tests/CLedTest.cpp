@@ -6,12 +6,16 @@
 #include "support/ProcessFacts.h"
 
 #include <climits>
+#include <cstdarg>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <type_traits>
+#include <unistd.h>
 #include <vector>
 
 using namespace QuorCore;
@@ -20,6 +24,8 @@ using namespace TestSupport;
 namespace
 {
 using journal_t = std::vector<std::string>;
+
+thread_local std::vector<int>* t_pOpenFlags = nullptr; // of the calls of open(2), while it is set
 
 static_assert(std::has_virtual_destructor_v<CLed>, "an application's LED may be deleted by this");
 
@@ -54,6 +60,19 @@ protected:
     CFileJournal m_Journal{m_szDirectory};
     CLed m_Led{m_szDirectory};
 };
+
+TEST_F(ALedOverFiles, OpensNoFileThatAProgramWouldInherit)
+{
+    Write("brightness", "1");
+    std::vector<int> flags;
+    t_pOpenFlags = &flags;
+    m_Led.iGetBrightness();
+    m_Led.SetValue("brightness", 0);
+    t_pOpenFlags = nullptr;
+    ASSERT_EQ(2U, flags.size());
+    EXPECT_EQ(O_CLOEXEC, flags[0] & O_CLOEXEC);
+    EXPECT_EQ(O_CLOEXEC, flags[1] & O_CLOEXEC);
+}
 
 TEST_F(ALedOverFiles, WritesATextWithoutAnEnd)
 {
@@ -256,3 +275,16 @@ TEST_F(ALedOverFiles, LeavesNoDescriptorOpen)
     EXPECT_EQ(nBefore, nOpenDescriptors());
 }
 } // namespace
+
+/// In the C library's place: it tells with what flags it was called.
+extern "C" int open(const char* pszPath, int iFlags, ...)
+{
+    va_list arguments;
+    va_start(arguments, iFlags);
+    const unsigned uMode = (iFlags & O_CREAT) != 0 ? va_arg(arguments, unsigned) : 0;
+    va_end(arguments);
+    if (t_pOpenFlags != nullptr) {
+        t_pOpenFlags->push_back(iFlags);
+    }
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, pszPath, iFlags, uMode));
+}

@@ -768,6 +768,17 @@ TEST(ASocketBaseLoop, EndsByItselfWhenItIsForcedTo)
     EXPECT_EQ(before, nOpenDescriptors());
 }
 
+TEST(ASocketBaseLoop, EndsByItselfBetweenTwoAttemptsToConnect)
+{
+    for (int i = 0; i < 2; ++i) {
+        CForced<COpenEndpoint<CSocketBase>> endpoint;
+        endpoint.Configure(0, 100, "");
+        ASSERT_EQ(0, endpoint.iCreateThread(true, kStartLimitMs));
+        endpoint.iStop(true, true); // in the first second of its first wait
+        EXPECT_EQ(1, endpoint.m_nEnds) << "it was cancelled";
+    }
+}
+
 TEST(ASocketBaseLoop, IsCancelledInAHandlerThatNeverReturns)
 {
     if (kSanitized) {

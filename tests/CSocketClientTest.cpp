@@ -85,7 +85,7 @@ class ASocketClient : public ::testing::Test
 protected:
     void SetUp() override
     {
-        m_Peer.Listen();
+        m_Peer.Listen(iFreePort()); // which stays free when it is left for a while
         m_Client.Configure(m_Peer.iPort(), 1000, "127.0.0.1");
         m_Client.SetFirstConnectDelay(0);
     }

@@ -452,7 +452,7 @@ TEST(ASocketServerOnAPort, ThatIsTakenLogsWhyAndGoesOn)
 TEST(ASocketServerOnAPort, ThatBecomesFreeTakesItAtTheNextAttempt)
 {
     CTcpPeer owner;
-    owner.Listen();
+    owner.Listen(iFreePort());
     COpenServer server;
     const int iPort = owner.iPort();
     server.Configure(iPort, 100, "server");

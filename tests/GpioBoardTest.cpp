@@ -29,6 +29,7 @@ namespace
 constexpr int kInput = 1;
 constexpr int kOutput = 2;
 constexpr int kEither = 4; // an input that becomes an output
+constexpr int kOwned = 6;  // the line of a LED, its driver's
 constexpr int kNoEventMs = 200;
 
 std::string szDirectory(int iNumber)
@@ -114,6 +115,18 @@ TEST_F(AGpioOnTheBoard, IsNotALineOutOfRange)
     EXPECT_EQ(4U, CSyslogReceiver::Get().Count("could not open GPIO file"));
     EXPECT_EQ(CGpio::IN, gpio.getDirection());
     EXPECT_EQ(0, gpio.getValue());
+}
+
+TEST_F(AGpioOnTheBoard, IsNotALineThatSomethingElseOwns)
+{
+    const bool bHigh = m_Board.bOutput(kOwned);
+    CGpio gpio(m_Board.iGpio(kOwned));
+    EXPECT_TRUE(gpio.bExport()); // the kernel could be asked, and refused
+    EXPECT_FALSE(std::filesystem::exists(szDirectory(m_Board.iGpio(kOwned))));
+    gpio.init(CGpio::OUT, false, CGpio::NONE);
+    EXPECT_EQ(4U, CSyslogReceiver::Get().Count("could not open GPIO file"));
+    gpio.setValue(bHigh ? 0 : 1);
+    EXPECT_EQ(bHigh, m_Board.bOutput(kOwned)); // still the owner's
 }
 
 TEST_F(AGpioOnTheBoard, ReadsTheLevelOfAnInput)

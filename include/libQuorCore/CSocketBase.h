@@ -68,8 +68,8 @@ public:
     void SetFirstConnectDelay(int iSeconds) { m_iFirstConnectDelaySec = iSeconds; }
 
     /// Lowers m_bRun, closes, and stops the thread as CThread::iStop() does. By force it is
-    /// cancelled if it has not ended a second after its connection was closed, that is, if a
-    /// handler keeps it. @return 0.
+    /// cancelled if it has not ended two seconds after its connection was closed: a handler keeps
+    /// it, or the look-up of a name. @return 0.
     long iStop(bool bWait, bool bForce) override;
 
     /**

@@ -145,9 +145,10 @@ protected:
     /// The second half of it: for an object that was stopped already, maybe without waiting.
     void AwaitThreadEnd();
 
-    /// Before a cancellation: gives a thread that was woken a second to end by itself. Cancelled at
-    /// that very moment, it may be in no state to be unwound on 32-bit ARM. Returns at once in the
-    /// thread itself, and if there is none.
+    /// Before a cancellation: gives a thread that was told to end two seconds to do so by itself,
+    /// more than a step of bDynWait() takes. Cancelled at the moment it wakes, it may be in no
+    /// state to be unwound on 32-bit ARM. Returns at once in the thread itself, and if there is
+    /// none.
     void LetThreadEnd();
 
     /// The object as a thread, or null. Asks a plain field rather than the type information, which

@@ -59,8 +59,8 @@ public:
     void SetReopenDelay(int iSeconds) { m_iReopenDelaySec = iSeconds; }
 
     /// Lowers m_bRun, closes, and stops the thread as CThread::iStop() does. By force it is
-    /// cancelled if it has not ended a second after its port was closed, that is, if a handler
-    /// keeps it. @return 0.
+    /// cancelled if it has not ended two seconds after its port was closed: a handler keeps it.
+    /// @return 0.
     long iStop(bool bWait, bool bForce) override;
 
     long iRunThread() override;    ///< Opens and reads until it is stopped. @return 0.

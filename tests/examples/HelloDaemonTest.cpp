@@ -299,7 +299,7 @@ TEST_F(AHelloDaemon, StartsOnAFileThatIsMostlyGarbage)
 
 TEST_F(AHelloDaemon, WaitsForAPortThatIsTaken)
 {
-    m_Peer.Listen();
+    m_Peer.Listen(iFreePort()); // which nobody else takes before the daemon does
     const std::string szPort = std::to_string(m_Peer.iPort());
     Configure("port=" + szPort + "\n");
     m_pDaemon = std::make_unique<CChild>(Program(CommandLine()));

@@ -16,9 +16,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
+#include <netdb.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -38,6 +40,9 @@ constexpr char kResolver[] = "/run/dnsmasq/resolv.conf";
 constexpr char kDeleteAddresses[] =
     "/sbin/ip addr show dev dev0 | /usr/bin/awk '/inet / && ! /10.0.0.123/ "
     "{cmd=\"/sbin/ip addr del \" $2 \" dev dev0\"; cmd | getline line; close(cmd);}'";
+
+bool s_bNameless = false; // getnameinfo(3) fails
+std::string s_szPipeMode; // of the last popen(3)
 
 class ANetwork : public ::testing::Test
 {
@@ -356,6 +361,12 @@ TEST_F(ANetwork, ReadsTwoNameServers)
     EXPECT_EQ("fd77::53", szFirst);
 }
 
+TEST_F(ANetwork, ReadsNameServersFromAPipeThatNoOtherProgramInherits)
+{
+    EXPECT_EQ(0, iGetDns(nullptr, nullptr));
+    EXPECT_EQ("re", s_szPipeMode);
+}
+
 TEST_F(ANetwork, ReadsFewerNameServersThanTwo)
 {
     std::string szFirst = "before";
@@ -458,6 +469,22 @@ TEST_F(ANetwork, FindsAnIpv6AddressThatIsNotOfTheLinkAlone)
     EXPECT_EQ("", szNetmask); // where IPv4 has its own there is none
 }
 
+TEST_F(ANetwork, FindsNoAddressThatCannotBeShown)
+{
+    Ip({"link", "set", "dev0", "up"});
+    Ip({"addr", "add", "10.77.0.9/24", "dev", "dev0"});
+    const ChildResult result = RunInChild([] {
+        s_bNameless = true;
+        std::string szAddress = "before";
+        const int iResult = iFindNetworkInterface("dev0", &szAddress, nullptr, nullptr, 0);
+        std::fflush(stdout);
+        return iResult == -1 && szAddress == "before" ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.iExitCode);
+    EXPECT_EQ("getnameinfo() failed: " + std::string(gai_strerror(EAI_FAIL)) + "\n",
+              result.szOutput);
+}
+
 TEST_F(ANetwork, FindsNoInterfaceThatIsDown)
 {
     Ip({"addr", "add", "10.77.0.9/24", "dev", "dev0"});
@@ -499,3 +526,21 @@ TEST_F(ANetwork, LeavesTheMachineAsItWas)
     }
 }
 } // namespace
+
+/// In the C library's place: it fails when a test wants that.
+extern "C" int getnameinfo(const sockaddr* pAddress, socklen_t nAddress, char* pszHost,
+                           socklen_t nHost, char* pszService, socklen_t nService, int iFlags)
+{
+    if (s_bNameless) {
+        return EAI_FAIL;
+    }
+    const auto original = reinterpret_cast<decltype(&getnameinfo)>(dlsym(RTLD_NEXT, "getnameinfo"));
+    return original(pAddress, nAddress, pszHost, nHost, pszService, nService, iFlags);
+}
+
+/// In the C library's place: it tells how it was called.
+extern "C" FILE* popen(const char* pszCommand, const char* pszMode)
+{
+    s_szPipeMode = pszMode;
+    return reinterpret_cast<decltype(&popen)>(dlsym(RTLD_NEXT, "popen"))(pszCommand, pszMode);
+}

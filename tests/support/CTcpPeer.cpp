@@ -1,18 +1,25 @@
 #include "support/CTcpPeer.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace TestSupport
 {
 namespace
 {
 constexpr int kBacklog = 16; // connections that wait for bAccept()
+
+// Ports that the kernel gives to nobody, as ip_local_port_range (ip(7)) begins at 32768.
+constexpr int kAsidePort = 20000;
+constexpr int kAsidePorts = 12000;
+constexpr int kAsideStride = 16; // between the first choices of two processes
 
 void Check(int iResult, const char* pszCall)
 {
@@ -88,9 +95,16 @@ bool bReady(int iFd, short events, const CDeadline& deadline)
 
 int iFreePort()
 {
-    const QuorCore::CUniqueFd fd = NewSocket();
-    Bind(fd.iGet(), 0);
-    return iPortOf(fd.iGet());
+    static std::atomic<int> s_nAsked{0};
+    for (int iTry = 0; iTry < kAsidePorts; ++iTry) {
+        const int iPort = kAsidePort + (getpid() * kAsideStride + s_nAsked++) % kAsidePorts;
+        const sockaddr_in address = LoopbackAddress(iPort);
+        const QuorCore::CUniqueFd fd = NewSocket();
+        if (bind(fd.iGet(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            return iPort;
+        }
+    }
+    throw std::system_error(EADDRINUSE, std::generic_category(), "bind");
 }
 
 void CTcpPeer::Listen(int iPort)

@@ -12,7 +12,8 @@
 namespace TestSupport
 {
 /// @brief A port of 127.0.0.1 on which nobody listens.
-/// @return Taken from the kernel and given back; unlikely, but not certain, to stay free.
+/// @return Below the ports that the kernel gives to who asks for any, so that nobody else takes it;
+///         at each call another one.
 int iFreePort();
 
 /**
