@@ -155,6 +155,12 @@ void CThreadAT::LogFlightRecord(int iLevel)
     }
 }
 
+long CThreadAT::iConnect()
+{
+    m_bRestartBuffer = true; // again: what was at hand when the link was lost has come in since
+    return CThreadSerial::iConnect();
+}
+
 long CThreadAT::lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed)
 {
     if (lSizeTotal < 1) {

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <gmock/gmock.h>
@@ -26,6 +27,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -82,7 +84,16 @@ public:
         m_Unclaimed.Add(szLine);
     }
 
+    long lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed) override
+    {
+        if (m_bLoseLink.exchange(false)) {
+            std::thread([this] { Close(); }).join();
+        }
+        return CThreadAT::lDispatchTrame(pFrame, lSizeTotal, plUsed);
+    }
+
     CKeptLines m_Unclaimed;
+    std::atomic<bool> m_bLoseLink{false}; ///< Before the next chunk is looked at.
 };
 
 /// A dispatcher that shows the payloads of its messages.
@@ -936,6 +947,16 @@ TEST_F(AThreadAT, ForgetsHalfALineWithItsLink)
     ASSERT_TRUE(m_Pty.bSend("half a li"));
     ASSERT_TRUE(bAwaitLogged(LOG_DEBUG, " 6C 69 "));
     m_Modem.Close();
+    ASSERT_TRUE(bAwait([this] { return m_Store.Count(&m_Modem, EVT_COM_CONNECTED) == 2; }));
+    ASSERT_TRUE(m_Pty.bSend("RING\r\n"));
+    ASSERT_TRUE(m_Modem.m_Unclaimed.bAwait(1));
+    EXPECT_THAT(m_Modem.m_Unclaimed.Get(), ElementsAre("RING"));
+}
+
+TEST_F(AThreadAT, ForgetsHalfALineThatWasAtHandWhenTheLinkWasLost)
+{
+    m_Modem.m_bLoseLink = true;
+    ASSERT_TRUE(m_Pty.bSend("half a li"));
     ASSERT_TRUE(bAwait([this] { return m_Store.Count(&m_Modem, EVT_COM_CONNECTED) == 2; }));
     ASSERT_TRUE(m_Pty.bSend("RING\r\n"));
     ASSERT_TRUE(m_Modem.m_Unclaimed.bAwait(1));

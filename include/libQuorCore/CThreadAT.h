@@ -158,6 +158,7 @@ public:
     /// Logs what of it was not logged yet. @param iLevel  0 to 7.
     void LogFlightRecord(int iLevel);
 
+    long iConnect() override; ///< As the base class's; half a line of before is forgotten.
     long lDispatchTrame(uint8_t* pFrame, long lSizeTotal, long* plUsed) override;
     /// As the base class's, but returns with what is there as soon as something is.
     long iRead(uint8_t* pFrame, long lSizeToRead, long* plNbrRcv) override;
