@@ -314,16 +314,24 @@ TEST_F(ATcpPeer, SaysAtOnceThatThereIsNoConnection)
 
 TEST_F(ATcpPeer, LeavesNoDescriptorOpen)
 {
+    const int iPort = iFreePort(); // which keeps one
     const size_t nBefore = nOpenDescriptors();
     {
         CTcpPeer server;
         CTcpPeer client;
-        server.Listen(iFreePort());
+        server.Listen(iPort);
         ASSERT_TRUE(client.bConnect(server.iPort()));
         ASSERT_TRUE(server.bAccept());
         EXPECT_EQ(nBefore + 3, nOpenDescriptors());
     }
     EXPECT_EQ(nBefore, nOpenDescriptors());
+}
+
+TEST(AFreePort, IsGivenToOneProcessAtATime)
+{
+    const int iPort = iFreePort();
+    EXPECT_NE(iPort, iFreePort(iPort));
+    EXPECT_EQ(0, RunInChild([=] { return iFreePort(iPort) != iPort ? 0 : 1; }).iExitCode);
 }
 
 class AChild : public ::testing::Test

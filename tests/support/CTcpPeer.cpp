@@ -1,14 +1,18 @@
 #include "support/CTcpPeer.h"
 
 #include <arpa/inet.h>
-#include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
+#include <random>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace TestSupport
 {
@@ -19,7 +23,6 @@ constexpr int kBacklog = 16; // connections that wait for bAccept()
 // Ports that the kernel gives to nobody, as ip_local_port_range (ip(7)) begins at 32768.
 constexpr int kAsidePort = 20000;
 constexpr int kAsidePorts = 12000;
-constexpr int kAsideStride = 16; // between the first choices of two processes
 
 void Check(int iResult, const char* pszCall)
 {
@@ -42,6 +45,22 @@ sockaddr_in LoopbackAddress(int iPort)
     address.sin_port = htons(static_cast<uint16_t>(iPort));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return address;
+}
+
+// The abstract name (unix(7)) that marks a port as given away. The port itself cannot be kept: a
+// server that does not share its address would not get it.
+sockaddr_un MarkAddress(int iPort)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1, "port %d of a test", iPort);
+    return address;
+}
+
+template <class Address>
+bool bBind(int iFd, const Address& address)
+{
+    return bind(iFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
 // Writes the address of either family. Returns its length.
@@ -93,18 +112,27 @@ bool bReady(int iFd, short events, const CDeadline& deadline)
 }
 } // namespace
 
-int iFreePort()
+int iFreePort(int iFrom)
 {
-    static std::atomic<int> s_nAsked{0};
+    static std::mutex s_Lock;
+    static std::vector<QuorCore::CUniqueFd> s_Marks; // to the end of the process
+    const std::lock_guard<std::mutex> lock(s_Lock);
     for (int iTry = 0; iTry < kAsidePorts; ++iTry) {
-        const int iPort = kAsidePort + (getpid() * kAsideStride + s_nAsked++) % kAsidePorts;
-        const sockaddr_in address = LoopbackAddress(iPort);
-        const QuorCore::CUniqueFd fd = NewSocket();
-        if (bind(fd.iGet(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        const int iPort = kAsidePort + (iFrom - kAsidePort + iTry) % kAsidePorts;
+        QuorCore::CUniqueFd mark = NewSocket(AF_UNIX);
+        if (bBind(mark.iGet(), MarkAddress(iPort)) &&
+            bBind(NewSocket().iGet(), LoopbackAddress(iPort))) {
+            s_Marks.push_back(std::move(mark));
             return iPort;
         }
     }
     throw std::system_error(EADDRINUSE, std::generic_category(), "bind");
+}
+
+int iFreePort()
+{
+    // Not the process id: each test has process ids of its own, and they are the same ones.
+    return iFreePort(kAsidePort + static_cast<int>(std::random_device()() % kAsidePorts));
 }
 
 void CTcpPeer::Listen(int iPort)

@@ -12,9 +12,13 @@
 namespace TestSupport
 {
 /// @brief A port of 127.0.0.1 on which nobody listens.
-/// @return Below the ports that the kernel gives to who asks for any, so that nobody else takes it;
-///         at each call another one.
+/// @return At each call another one, below those that the kernel gives to who asks for any. Until
+///         this process ends iFreePort() of no other process gives it to anybody. Nobody was
+///         connected there lately, so a server gets it without SO_REUSEADDR, too (socket(7)).
 int iFreePort();
+
+/// @brief The same. @param iFrom  A port that was given before; the next free one is.
+int iFreePort(int iFrom);
 
 /**
  * @brief A raw stream listener or client with at most one connection at a time, on 127.0.0.1 unless
