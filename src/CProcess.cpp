@@ -443,10 +443,12 @@ pid_t CProcess::iPoll(pid_t pid, bool bLastTry)
 /// as soon as the end of this one was posted.
 void CProcess::ForgetChild(pid_t pid)
 {
-    if (pid > 0 && m_bOwnChild) {
-        CChildReaper::Get().Forget(pid);
+    const bool bClaimed = pid > 0 && m_bOwnChild;
+    pid_t expected = pid;
+    m_pid.compare_exchange_strong(expected, -1);
+    if (bClaimed) {
+        CChildReaper::Get().Forget(pid); // last: who still saw the pid waits until it is done
     }
-    m_pid.compare_exchange_strong(pid, -1);
 }
 
 int CProcess::iFindProcessId(const char* szName, bool bKeep)

@@ -13,6 +13,7 @@
 #include "support/Files.h"
 #include "support/LogLines.h"
 #include "support/ProcessFacts.h"
+#include "support/Sanitized.h"
 
 #include <atomic>
 #include <cerrno>
@@ -494,7 +495,8 @@ TEST_F(AProcess, ReportsAForkThatFailed)
 
 TEST_F(AProcess, StartsWhileOtherThreadsLogAndAllocate)
 {
-    const ChildResult result = RunInChild([this] {
+    const int nStarts = nRounds(100);
+    const ChildResult result = RunInChild([this, nStarts] {
         std::atomic<bool> bRun{true};
         std::vector<std::thread> threads;
         for (int i = 0; i < 3; ++i) {
@@ -507,7 +509,7 @@ TEST_F(AProcess, StartsWhileOtherThreadsLogAndAllocate)
             });
         }
         int nRight = 0;
-        for (int i = 0; i < 100; ++i) {
+        for (int i = 0; i < nStarts; ++i) {
             m_Process.Start("exit 6", nullptr, nullptr, nullptr, "/no/such"); // logs in the child
             m_Process.iWaitForExit(10);
             nRight += m_Process.iGetLastExitCode() == 6 ? 1 : 0;
@@ -518,7 +520,7 @@ TEST_F(AProcess, StartsWhileOtherThreadsLogAndAllocate)
         }
         return nRight;
     });
-    EXPECT_EQ(100, result.iExitCode);
+    EXPECT_EQ(nStarts, result.iExitCode);
 }
 
 /// One way in which a program ends, and what is made of it.

@@ -1214,7 +1214,7 @@ TEST_F(AThread, IsCancelledAtAnyInstructionOfItsLife)
 #ifdef __arm__
     GTEST_SKIP() << "32-bit ARM can be unwound at calls only";
 #endif
-    const ChildResult result = RunInChild([] { // where std::terminate() would end only this
+    const auto cancelAtEach = [] { // in a child, where std::terminate() would end only this
         CThread::m_Logger.Init("CThreadTest");
         for (int i = 0; i < nRounds(5000); ++i) {
             CTestThread thread([](CTestThread& self) {
@@ -1227,7 +1227,8 @@ TEST_F(AThread, IsCancelledAtAnyInstructionOfItsLife)
             thread.iStop(true, true);
         }
         return 0;
-    });
+    };
+    const ChildResult result = RunInChild(cancelAtEach, 4 * kAwaitLimitMs); // it is much to do
     EXPECT_EQ(0, result.iExitCode) << result.iSignal << result.szErrors;
 }
 
