@@ -1228,7 +1228,7 @@ TEST_F(AThread, IsCancelledAtAnyInstructionOfItsLife)
         }
         return 0;
     };
-    const ChildResult result = RunInChild(cancelAtEach, 4 * kAwaitLimitMs); // it is much to do
+    const ChildResult result = RunInChild(cancelAtEach, 2 * kAwaitLimitMs); // it is much to do
     EXPECT_EQ(0, result.iExitCode) << result.iSignal << result.szErrors;
 }
 

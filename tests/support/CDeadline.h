@@ -9,12 +9,8 @@
 namespace TestSupport
 {
 /// Limit in ms for what must happen. Paid only by a test that fails, so it is generous: sixteen
-/// sanitized tests may share two processors, and those of ARM may be emulated.
-#if defined(__arm__) || defined(__aarch64__)
+/// tests may share two processors, with a build beside them, and those of ARM may be emulated.
 constexpr int kAwaitLimitMs = 60000;
-#else
-constexpr int kAwaitLimitMs = 20000;
-#endif
 
 /// @brief A moment on the monotonic clock by which something must have happened.
 class CDeadline
