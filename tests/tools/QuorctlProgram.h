@@ -119,6 +119,30 @@ protected:
         return End();
     }
 
+    /// Expects that a command ends with its time. The peer accepts and answers as soon as it can;
+    /// on a machine that is too busy for it the command is given a longer time.
+    /// @param szBegin  What it says before " in ... ms from" the peer. @param szEnd  And behind it.
+    void ExpectTimeOut(const std::vector<std::string>& command, const std::string& szAnswer,
+                       const std::string& szBegin, const std::string& szEnd)
+    {
+        ChildResult result;
+        std::string szText;
+        for (const char* const pszMs : {"300", "3000", "15000"}) {
+            std::vector<std::string> args = {"--timeout", pszMs};
+            args.insert(args.end(), command.begin(), command.end());
+            Start(args);
+            if (m_Peer.bAccept() && ReceiveFrame(m_Peer).bComplete) {
+                m_Peer.bSend(szAnswer);
+            }
+            result = End();
+            szText = szBegin + " in " + pszMs + " ms from " + szName() + szEnd;
+            if (result.szErrors == "quorctl: " + szText + '\n') {
+                break;
+            }
+        }
+        ExpectFailure(result, 3, szText);
+    }
+
     CTcpPeer m_Peer;
     std::unique_ptr<CChild> m_pChild;
 };
