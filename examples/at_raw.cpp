@@ -13,7 +13,7 @@ using namespace QuorCore;
 namespace
 {
 constexpr int kUsageError = 2;
-constexpr int kStartLimitMs = 1000;
+constexpr int kStartLimitMs = 10000;
 constexpr long kOpenLimitMs = 3000;
 constexpr long kAnswerBytesMax = 4096;
 

@@ -12,7 +12,7 @@ using namespace QuorCore;
 
 namespace
 {
-constexpr int kStartLimitMs = 1000;
+constexpr int kStartLimitMs = 10000;
 constexpr long kDataBytesMax = 65515; // the most that a frame of modemd has
 
 /// The link to modemd. Answers come when they come: nobody waits for them.

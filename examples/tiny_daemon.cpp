@@ -20,8 +20,8 @@ public:
             new QuorCore::CSlotCallback<CTinyDaemon>(this, &CTinyDaemon::OnPeerGone));
         m_Server.Configure(m_FileConfig.iGetParameter("port", 5555), 4096, "tiny");
         m_Server.SetFirstConnectDelay(0);
-        if (m_callbackManager.iCreateThread(true, 1000) == 0 &&
-            m_Server.iCreateThread(true, 1000) == 0) {
+        if (m_callbackManager.iCreateThread(true, 10000) == 0 &&
+            m_Server.iCreateThread(true, 10000) == 0) {
             ProcessSignal(); // until SIGTERM or SIGQUIT
         }
         m_Server.iStop(true, false);

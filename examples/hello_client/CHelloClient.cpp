@@ -13,7 +13,7 @@ using namespace QuorCore;
 
 namespace
 {
-constexpr int kStartLimitMs = 1000;     // for the loop of a thread to begin
+constexpr int kStartLimitMs = 10000;    // for the loop of a thread to begin
 constexpr long kAnswerBytesMax = 32768; // a log page has about 500 bytes for each thread
 
 /// @return The text between two others from @p position on, which moves behind it; empty when they

@@ -172,7 +172,7 @@ void CHelloDaemon::AnnounceTools()
 {
     using namespace std::chrono_literals;
     const auto begin = std::chrono::steady_clock::now();
-    while (m_bRun && m_Tools.bIsRunning() && std::chrono::steady_clock::now() - begin < 500ms) {
+    while (m_bRun && m_Tools.bIsRunning() && std::chrono::steady_clock::now() - begin < 5s) {
         if (m_Tools.bGetConnected()) {
             QUORCORE_LOG(LOG_NOTICE, "ready for tools, port %d, path \"%s\"",
                          m_Tools.iListeningPort(), m_szToolsPath.c_str());
