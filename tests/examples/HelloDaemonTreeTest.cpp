@@ -27,6 +27,7 @@ namespace fs = std::filesystem;
 
 namespace
 {
+constexpr uint16_t kPing = 10;
 constexpr uint16_t kSet = 14;
 constexpr uint16_t kGet = 15;
 constexpr uint16_t kGreet = 1000;
@@ -80,7 +81,10 @@ protected:
     int iReport(const std::string& szRecord)
     {
         EXPECT_TRUE(m_Peer.bSend(FrameBytes(kCell, szRecord)));
-        const Frame answer = ReceiveFrame(m_Peer);
+        Frame answer = ReceiveFrame(m_Peer);
+        while (answer.iCommand == kPing) { // the daemon sends them of its own accord
+            answer = ReceiveFrame(m_Peer);
+        }
         EXPECT_TRUE(answer.bComplete);
         EXPECT_EQ(kCell, answer.iCommand);
         EXPECT_EQ("", answer.szData);
