@@ -161,12 +161,15 @@ TEST_F(AModemSimulator, ShowsWhatItIsSent)
 TEST_F(AModemSimulator, GoesAwayAndComesBack)
 {
     StartScript("signal USR1\n"
-                "    @hangup 1500\n"
+                "    @hangup\n"
+                "signal USR2\n"
+                "    @hangup 300\n"
                 "every 50\n"
                 "    +CREG: 1\n");
     m_pSimulator->Signal(SIGUSR1);
     ASSERT_TRUE(bAwait([this] { return m_Modem.m_hTTY == -1; }));
-    EXPECT_EQ(-1, Ask("AT").lResult);
+    EXPECT_EQ(-1, Ask("AT").lResult); // for good, until it is told
+    m_pSimulator->Signal(SIGUSR2);
     AwaitConnections(2);
     EXPECT_EQ(0, Ask("AT").lResult);
 }

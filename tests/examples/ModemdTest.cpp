@@ -10,9 +10,10 @@
 #include "libQuorCore/libQuorCore.h"
 
 #include <csignal>
-#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <memory>
 
 using namespace TestSupport;
@@ -319,7 +320,8 @@ TEST_F(AModemDaemon, ReportsATimeOutAndServesOn)
     EXPECT_EQ("356938035643809", Ask(kImei).szData); // it did answer "AT"
 }
 
-// The modem answers this one only when the test lets it.
+// The modem answers this one only when the test lets it, be it late.
+constexpr const char* kAmpleTime = "command_timeout_ms=60000\n";
 constexpr const char* kHeldImsi = "on AT+CIMI\n"
                                   "signal USR1\n"
                                   "    208011234567890\n"
@@ -327,7 +329,7 @@ constexpr const char* kHeldImsi = "on AT+CIMI\n"
 
 TEST_F(AModemDaemon, ServesOthersWhileTheModemTakesItsTime)
 {
-    ASSERT_NO_FATAL_FAILURE(Start(kHeldImsi));
+    ASSERT_NO_FATAL_FAILURE(Start(kHeldImsi, kAmpleTime));
     ASSERT_TRUE(m_Peer.bSend(FrameBytes(3001)));
     CTcpPeer other;
     ASSERT_TRUE(other.bConnect(m_iPort));
@@ -342,7 +344,7 @@ TEST_F(AModemDaemon, ServesOthersWhileTheModemTakesItsTime)
 
 TEST_F(AModemDaemon, RefusesRequestsWhenTooManyWait)
 {
-    ASSERT_NO_FATAL_FAILURE(Start(kHeldImsi));
+    ASSERT_NO_FATAL_FAILURE(Start(kHeldImsi, kAmpleTime));
     ASSERT_TRUE(m_Peer.bSend(FrameBytes(3001)));
     ASSERT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> AT+CIMI") == 1; }));
     std::string szMany;
@@ -360,7 +362,7 @@ TEST_F(AModemDaemon, RefusesRequestsWhenTooManyWait)
 
 TEST_F(AModemDaemon, EndsInOrderInTheMiddleOfAnExchange)
 {
-    ASSERT_NO_FATAL_FAILURE(Start(kHeldImsi));
+    ASSERT_NO_FATAL_FAILURE(Start(kHeldImsi, kAmpleTime));
     ASSERT_TRUE(m_Peer.bSend(FrameBytes(3001)));
     ASSERT_TRUE(bAwait([this] { return nCount(Ask(kRecord).szData, "> AT+CIMI") == 1; }));
     m_pDaemon->Signal(SIGTERM);
@@ -371,7 +373,7 @@ TEST_F(AModemDaemon, EndsInOrderInTheMiddleOfAnExchange)
 
 TEST_F(AModemDaemon, NoticesThatTheModemIsUnpluggedAndPluggedInAgain)
 {
-    ASSERT_NO_FATAL_FAILURE(Start("signal USR1\n    @hangup 2000\n"));
+    ASSERT_NO_FATAL_FAILURE(Start("signal USR1\n    @hangup\nsignal USR2\n    @hangup 100\n"));
     m_pModem->Signal(SIGUSR1);
     ASSERT_TRUE(bAwaitNews("the modem is away"));
     EXPECT_EQ(kAway, Ask(kImei).iError);
@@ -380,6 +382,7 @@ TEST_F(AModemDaemon, NoticesThatTheModemIsUnpluggedAndPluggedInAgain)
     Read(Ask(kCell).szData, cell);
     EXPECT_TRUE(cell.m_Rssi.bIsNull());
     EXPECT_EQ(-999, cell.m_RxLevel.iGetVal());
+    m_pModem->Signal(SIGUSR2); // it comes back
     ASSERT_TRUE(bAwaitNews("the modem is ready"));
     EXPECT_EQ(0, Ask(kImei).iError);
 }
@@ -635,9 +638,12 @@ TEST_F(AModemDaemon, GivesTheMessagesThatWaitAsPdus)
 // The modem goes while it takes a text, and while it lists its messages; then it is asked as ever.
 TEST_F(AModemDaemon, ComesThroughAModemThatGoesInTheMiddle)
 {
-    ASSERT_NO_FATAL_FAILURE(Start("once AT+CMGS=*\n    @prompt\n    @hangup 200\n"
-                                  "once AT+CMGL=4\n    @raw \\x0D\\x0A+CMGL: 1,1,,24\\x0D\\x0A\n"
-                                  "    @hangup 200\n"));
+    ASSERT_NO_FATAL_FAILURE(StartDaemon("")); // first: then it is known when it tells each news
+    ASSERT_NO_FATAL_FAILURE(
+        StartModem("once AT+CMGS=*\n    @prompt\n    @hangup 200\n"
+                   "once AT+CMGL=4\n    @raw \\x0D\\x0A+CMGL: 1,1,,24\\x0D\\x0A\n"
+                   "    @hangup 200\n"));
+    ASSERT_TRUE(bAwaitNews("the modem is ready"));
     EXPECT_EQ(0, Ask(kWhitelist, "+33123456789", kAdd).iError);
     EXPECT_EQ(kAway, Ask(kSendSms, "+33123456789\nHello").iError);
     ASSERT_TRUE(bAwaitNews("the modem is ready"));
@@ -794,10 +800,10 @@ TEST_F(AModemDaemon, KeepsItsTreeInADirectory)
     EXPECT_EQ(0, Ask(kSetConfig, "{\"callback\":{\"authMtc\":false}}").iError);
     EXPECT_THAT(Ask(kGetConfig, "/db/callback/authMtc").szData, HasSubstr("false"));
     EXPECT_EQ(403, Ask(kSetConfig, "{\"cell\":{\"rssi\":31}}").iError); // the modem's own
-    ASSERT_TRUE(bAwait([&] {
-        return std::filesystem::exists(szDirectory + "/current/callback") &&
-               szReadFile(szDirectory + "/current/callback").find("\"authMtc\" : false") !=
-                   std::string::npos;
+    ASSERT_TRUE(bAwait([&] { // the state that is current may be removed while it is looked up
+        std::ifstream file(szDirectory + "/current/callback");
+        const std::string szText(std::istreambuf_iterator<char>(file), {});
+        return szText.find("\"authMtc\" : false") != std::string::npos;
     }));
     m_pDaemon->Signal(SIGKILL);
     iAwaitEnd();
