@@ -128,7 +128,7 @@ void CNetLab::CoverFiles()
     Check(mount("/run/etc", "/etc", nullptr, MS_BIND, nullptr) == 0, "mount over /etc");
     fs::create_directories(kLeases);
     Cover(kLeases);
-    WriteFile("/etc/dhcp/dhclient.conf", "timeout 4;\ninitial-interval 1;\nbackoff-cutoff 1;\n"
+    WriteFile("/etc/dhcp/dhclient.conf", "timeout 60;\ninitial-interval 1;\nbackoff-cutoff 1;\n"
                                          "request subnet-mask, routers, domain-name-servers;\n");
 }
 
