@@ -222,6 +222,7 @@ TEST_F(AnAtClient, SendsAndFetchesMessagesAllDay)
     EXPECT_TRUE(
         bAwait([this] { return fs::exists(m_Directory.szPath("sent/letter")); }, kProgramLimitMs))
         << szReadFile(m_Directory.szPath("log"));
+    EXPECT_TRUE(m_pModem->bAwaitOutput("> AT+CMGD=1\n", kProgramLimitMs)); // fetched, too
     m_pGroup->Signal(SIGTERM);
     EXPECT_EQ(0, m_pGroup->Await(kProgramLimitMs).iExitCode);
 

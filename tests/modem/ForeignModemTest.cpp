@@ -211,7 +211,7 @@ TEST_F(AForeignModem, IsToldToUseWordsWhenItAnswersInNumbers)
 {
     ASSERT_NO_FATAL_FAILURE(Connect(m_Caller, m_szCaller));
     EXPECT_EQ(0, m_Caller.Ask("ATE0").lResult);
-    const atResult_t result = m_Caller.Ask("ATV0", 500);
+    const atResult_t result = m_Caller.Ask("ATV0", 3000);
     EXPECT_EQ(-7, result.lResult);
     EXPECT_THAT(result.lines, ElementsAre("0"));
     EXPECT_THAT(m_Caller.Ask("ATI").lines, ElementsAre("spandsp"));
