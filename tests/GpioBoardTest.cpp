@@ -134,7 +134,7 @@ TEST_F(AGpioOnTheBoard, ReadsTheLevelOfAnInput)
     CGpio gpio(m_Board.iGpio(kInput));
     gpio.init(CGpio::IN, false, CGpio::NONE);
     EXPECT_EQ(CGpio::IN, gpio.getDirection());
-    EXPECT_EQ(0, gpio.getValue());
+    EXPECT_TRUE(bAwaitLevel(gpio, 0));
     m_Board.SetInput(kInput, true);
     EXPECT_TRUE(bAwaitLevel(gpio, 1));
     m_Board.SetInput(kInput, false);
@@ -146,7 +146,7 @@ TEST_F(AGpioOnTheBoard, ReadsALevelInverted)
     CGpio gpio(m_Board.iGpio(kInput));
     gpio.init(CGpio::IN, true, CGpio::NONE);
     EXPECT_TRUE(gpio.getActiveLow());
-    EXPECT_EQ(1, gpio.getValue());
+    EXPECT_TRUE(bAwaitLevel(gpio, 1));
     m_Board.SetInput(kInput, true);
     EXPECT_TRUE(bAwaitLevel(gpio, 0));
     gpio.setActiveLow(false);
@@ -257,6 +257,7 @@ protected:
         if (CBoard::szWhyNot().empty()) {
             m_pGpio = std::make_unique<CGpio>(m_Board.iGpio(kInput));
             m_pGpio->init(CGpio::IN, false, CGpio::RISING);
+            ASSERT_TRUE(bAwaitLevel(*m_pGpio, 0));
         }
     }
     /// Waits in another thread while this one sets the level.

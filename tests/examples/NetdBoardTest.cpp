@@ -26,7 +26,7 @@ TEST(ANetdOnTheBoard, ShowsTheButtonByTheLed)
         board.SetInput(kButton, bDown);
         EXPECT_TRUE(netd.bAwaitStatus(bDown ? R"("button":"down","led":"lit")"
                                             : R"("button":"up","led":"dark")"));
-        EXPECT_EQ(bDown, board.bDirectLedLit());
+        EXPECT_TRUE(bAwait([&] { return board.bDirectLedLit() == bDown; })); // set a moment later
     }
     EXPECT_NE(std::string::npos, netd.szStatus().find(R"("presses":2)"));
     EXPECT_EQ(0, netd.iEnd());
