@@ -63,6 +63,10 @@ TEST_F(APrivateDev, IsNotThatOfTheMachine)
         GTEST_SKIP() << "only root may look out of the namespace";
     }
     EXPECT_NE(machines.st_dev, own.st_dev);
+    ASSERT_EQ(0, stat("/dev/pts", &own));
+    if (stat((szParentsRoot + "/dev/pts").c_str(), &machines) == 0) {
+        EXPECT_NE(machines.st_dev, own.st_dev) << "tests get each other's terminals";
+    }
 }
 
 TEST_F(APrivateDev, HasTheDevicesThatProgramsExpect)

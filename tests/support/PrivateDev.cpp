@@ -68,6 +68,15 @@ void BindIntoNewDev(const std::string& szName, int iFd)
           "mount --rbind " + szTarget);
 }
 
+// Terminals of this test's own: every mount is another instance (mount(8), devpts). Else the number
+// of one that was unplugged would be the next test's, and who waits for the first to come back
+// would open the other's. The machine's are bound where the kernel refuses that.
+void MountOwnTerminals()
+{
+    mkdir("/dev/pts", 0755); // the machine may have none
+    mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "ptmxmode=0666,mode=0620");
+}
+
 void AddLinks()
 {
     const std::map<std::string, std::string> links = {{"fd", "/proc/self/fd"},
@@ -91,6 +100,7 @@ void EnterPrivateDev()
         BindIntoNewDev(szName, iFd);
         close(iFd);
     }
+    MountOwnTerminals();
     AddLinks();
     Check(mkdir("/dev/shm", 0777), "mkdir /dev/shm");
     Check(chmod("/dev/shm", 01777), "chmod /dev/shm");
