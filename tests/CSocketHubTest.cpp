@@ -36,6 +36,9 @@ constexpr long kDataMax = 1000;
 constexpr uint16_t kUnknown = 999;   // a command that nobody handles
 constexpr size_t kFarTooMuch = 8192; // pushes of kDataMax bytes that no connection takes unread
 
+/// Silence after which a peer is dropped, where the test itself must not be silent for so long.
+constexpr int kSilenceMs = kSanitized || kSlowness > 1 ? 4000 : 2000;
+
 class ASocketHub : public ::testing::Test
 {
 protected:
@@ -526,39 +529,54 @@ TEST_F(ASocketHub, SendsWhatWaitedWhole)
     EXPECT_TRUE(bAnswersAPing(m_Peer));
 }
 
+TEST_F(ASocketHub, PingsASilentPeerAgainAndAgain)
+{
+    m_Hub.SetSilence(40, 0);
+    Start();
+    Connect(m_Peer);
+    for (int i = 0; i < 3; ++i) {
+        const Frame ping = ReceiveFrame(m_Peer);
+        EXPECT_EQ(CMD_COMMUN_PING, ping.iCommand);
+        EXPECT_EQ(0U, ping.iSize);
+    }
+    EXPECT_EQ(1U, m_Hub.nPeers()) << "it was not to be dropped";
+}
+
 TEST_F(ASocketHub, PingsAndThenDropsASilentPeer)
 {
     m_Hub.SetSilence(40, 400);
     Start();
-    Connect(m_Peer);
-    const Frame ping = ReceiveFrame(m_Peer);
-    EXPECT_EQ(CMD_COMMUN_PING, ping.iCommand);
-    EXPECT_EQ(0U, ping.iSize);
+    ASSERT_TRUE(m_Peer.bConnect(m_Hub.iListeningPort()));
+    EXPECT_EQ(CMD_COMMUN_PING, ReceiveFrame(m_Peer).iCommand);
     EXPECT_TRUE(m_Hub.bAwaitGone(eGone::IDLE));
-    EXPECT_FALSE(m_Peer.szReceive(kHeaderBytes).empty()) << "it was asked more than once";
 }
 
 TEST_F(ASocketHub, KeepsAPeerThatAnswersItsPings)
 {
     m_Hub.SetSilence(20, 500);
     Start();
-    Connect(m_Peer);
-    const CDeadline pastTheLimit(1000);
-    while (!pastTheLimit.bPassed()) {
-        ASSERT_EQ(CMD_COMMUN_PING, ReceiveFrame(m_Peer).iCommand);
-        ASSERT_TRUE(m_Peer.bSend(FrameBytes(CMD_COMMUN_PONG)));
+    bool bKept = false;
+    for (int i = 0; i < 5 && !bKept; ++i) { // a busy machine may be silent itself, not five times
+        ASSERT_TRUE(m_Peer.bConnect(m_Hub.iListeningPort()));
+        const CDeadline pastTheLimit(1000);
+        bKept = true;
+        while (bKept && !pastTheLimit.bPassed()) {
+            bKept = ReceiveFrame(m_Peer).iCommand == CMD_COMMUN_PING &&
+                    m_Peer.bSend(FrameBytes(CMD_COMMUN_PONG));
+        }
+        bKept = bKept && m_Hub.nPeers() == 1;
     }
-    EXPECT_EQ(1U, m_Hub.nPeers());
+    EXPECT_TRUE(bKept);
 }
 
 TEST_F(ASocketHub, DropsAPeerWhoseFrameNeverBecomesWhole)
 {
     m_Hub.SetSilence(0, 200);
     Start();
-    Connect(m_Peer);
+    ASSERT_TRUE(m_Peer.bConnect(m_Hub.iListeningPort()));
     const std::string szBytes = HeaderBytes(CMD_COMMUN_PING, kDataMax) + std::string(900, 'x');
     size_t nSent = 0;
-    while (nSent < szBytes.size() && !m_Peer.bReceiveEof(1)) {
+    while (nSent < szBytes.size() && !m_Peer.bReceiveEof(10)) { // for nine seconds
         m_Peer.bSend(szBytes.substr(nSent++, 1));
     }
     EXPECT_LT(nSent, szBytes.size()) << "bytes are no frame";
@@ -568,10 +586,9 @@ TEST_F(ASocketHub, DropsAPeerWhoseFrameNeverBecomesWhole)
 
 TEST_F(ASocketHub, DoesNotDropWhomItHadNoTimeToHear)
 {
-    constexpr int kDropMs = 400;
     CDoor inHandler;
     CDoor mayGoOn;
-    m_Hub.SetSilence(0, kDropMs);
+    m_Hub.SetSilence(0, kSilenceMs);
     m_Hub.m_OnFrame = [&](socketFrame_t*) {
         inHandler.Open();
         EXPECT_TRUE(mayGoOn.bPass());
@@ -584,7 +601,7 @@ TEST_F(ASocketHub, DoesNotDropWhomItHadNoTimeToHear)
     ASSERT_TRUE(inHandler.bPass());
     ASSERT_TRUE(other.bSend(FrameBytes(CMD_COMMUN_PING, "waits to be read")));
     std::this_thread::sleep_for(
-        std::chrono::milliseconds(kDropMs + 100)); // its silence, were it one
+        std::chrono::milliseconds(kSilenceMs + 100)); // its silence, were it one
     mayGoOn.Open();
     EXPECT_EQ("waits to be read", ReceiveFrame(other).szData);
     EXPECT_TRUE(bAnswersAPing(m_Peer)) << "its frame has only just been handled";
@@ -592,10 +609,9 @@ TEST_F(ASocketHub, DoesNotDropWhomItHadNoTimeToHear)
 
 TEST_F(ASocketHub, DoesNotDropWhomItHadNoTimeToAsk)
 {
-    constexpr int kDropMs = 400;
     CDoor inHandler;
     CDoor mayGoOn;
-    m_Hub.SetSilence(kDropMs / 2, kDropMs);
+    m_Hub.SetSilence(kSilenceMs - 100, kSilenceMs); // a quarter of which is the time for an answer
     m_Hub.m_OnFrame = [&](socketFrame_t*) {
         inHandler.Open();
         EXPECT_TRUE(mayGoOn.bPass());
@@ -609,7 +625,7 @@ TEST_F(ASocketHub, DoesNotDropWhomItHadNoTimeToAsk)
     if (!quiet.szReceive(kHeaderBytes, 0).empty()) { // on a slow machine it was asked before
         ASSERT_TRUE(quiet.bSend(FrameBytes(CMD_COMMUN_PONG)));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(kDropMs + 100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(kSilenceMs + 100));
     mayGoOn.Open();
     EXPECT_EQ(CMD_COMMUN_PING, ReceiveFrame(quiet).iCommand);
     ASSERT_TRUE(quiet.bSend(FrameBytes(CMD_COMMUN_PONG)));
