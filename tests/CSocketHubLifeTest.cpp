@@ -46,6 +46,8 @@ constexpr bool kNeedsDescriptors = false;
 constexpr const char* kNeedsDescriptorsReason =
     "the sanitizer looks at an object by a pipe of its own, and takes none for a bad object";
 
+/// @param iPort  One of iFreePort(), where it is to be bound again: while nobody listens the kernel
+///               may give one of its own choice to others, or to who tries to connect.
 bool bStart(CSocketHub& hub, int iPort = 0)
 {
     hub.Configure(iPort, kDataMax, "tools");
@@ -151,8 +153,8 @@ TEST(ASocketHubsLife, EndsInAnyOrder)
 TEST(ASocketHubsLife, BindsTheSamePortAgainAtOnceAThousandTimes)
 {
     COpenHub hub;
-    ASSERT_TRUE(bStart(hub));
-    const int iPort = hub.iListeningPort();
+    const int iPort = iFreePort();
+    ASSERT_TRUE(bStart(hub, iPort));
     const size_t nBefore = nOpenDescriptors();
     for (int i = 0; i < nRounds(1000); ++i) {
         CTcpPeer peer;
@@ -222,8 +224,8 @@ TEST(ASocketHubsLife, GoesOnUnderLoad)
         hub.iAnswer(hub.pAskingPeer()->id, pFrame);
         hub.iPushAll(999, pFrame->pGetData(), pFrame->GetDataSize());
     };
-    ASSERT_TRUE(bStart(hub));
-    const int iPort = hub.iListeningPort();
+    const int iPort = iFreePort();
+    ASSERT_TRUE(bStart(hub, iPort));
     {
         CBackground load;
         for (int i = 0; i < 2; ++i) {
@@ -345,8 +347,8 @@ TEST(ASocketHubsLife, GoesOnAfterACancellation)
         pause();
     };
     hub.m_OnCame = [&](const peer_t&) { bNobodyAsks = hub.pAskingPeer() == nullptr; };
-    ASSERT_TRUE(bStart(hub));
-    const int iPort = hub.iListeningPort();
+    const int iPort = iFreePort();
+    ASSERT_TRUE(bStart(hub, iPort));
     const size_t nBefore = nOpenDescriptors();
     CTcpPeer peer;
     ASSERT_TRUE(peer.bConnect(iPort));
@@ -363,7 +365,8 @@ TEST(ASocketHubsLife, GoesOnAfterACancellation)
     ASSERT_TRUE(peer.bSend(FrameBytes(CMD_COMMUN_PING, "again")));
     EXPECT_EQ("again", ReceiveFrame(peer).szData) << "each ping is answered once";
     peer.Close();
-    EXPECT_TRUE(bAwait([&] { return hub.nPeers() == 0; }));
+    EXPECT_TRUE(hub.bAwaitGone(eGone::CLOSED)); // told once its descriptor is closed
+    EXPECT_EQ(0U, hub.nPeers());
     EXPECT_EQ(nBefore, nOpenDescriptors());
 }
 
@@ -373,8 +376,8 @@ TEST(ASocketHubsLife, IsForcedToEndBetweenTwoFramesByItself)
         GTEST_SKIP() << kNoCancelReason;
     }
     COpenHub hub;
-    ASSERT_TRUE(bStart(hub));
-    const int iPort = hub.iListeningPort();
+    const int iPort = iFreePort();
+    ASSERT_TRUE(bStart(hub, iPort));
     CTcpPeer peer;
     ASSERT_TRUE(peer.bConnect(iPort));
     ASSERT_TRUE(bAnswersAPing(peer));
@@ -392,8 +395,8 @@ TEST(ASocketHubsLife, SurvivesCancellationsUnderLoad)
     }
     COpenHub hub;
     hub.m_OnFrame = [&](socketFrame_t* pFrame) { hub.iAnswer(hub.pAskingPeer()->id, pFrame); };
-    ASSERT_TRUE(bStart(hub));
-    const int iPort = hub.iListeningPort();
+    const int iPort = iFreePort();
+    ASSERT_TRUE(bStart(hub, iPort));
     const size_t nBefore = nOpenDescriptors();
     {
         CBackground load;
@@ -451,8 +454,8 @@ TEST(ASocketHubsLife, EndsWithItsObjectDeletedByItself)
 TEST(ASocketHubsLife, GoesOnBesideAChildThatKeepsItsDescriptors)
 {
     COpenHub hub;
-    ASSERT_TRUE(bStart(hub));
-    const int iPort = hub.iListeningPort();
+    const int iPort = iFreePort();
+    ASSERT_TRUE(bStart(hub, iPort));
     CTcpPeer peer;
     CTcpPeer other;
     ASSERT_TRUE(peer.bConnect(iPort));

@@ -66,10 +66,10 @@ bool bLogged(int iLevel, const std::string& szText)
     });
 }
 
-/// Starts a server on a port of the kernel's choice. @return The port.
-int iStart(COpenServer& server)
+/// Starts a server, on a port of the kernel's choice unless told another. @return The port.
+int iStart(COpenServer& server, int iPort = 0)
 {
-    server.Configure(0, 1000, "server");
+    server.Configure(iPort, 1000, "server");
     server.SetFirstConnectDelay(0);
     EXPECT_EQ(0, server.iCreateThread(true, kStartLimitMs));
     return server.iAwaitPort();
@@ -245,7 +245,8 @@ TEST_F(ASocketServer, LetsASecondPeerWaitAndThenResetsIt)
 TEST_F(ASocketServer, AcceptsANewPeerOnTheSamePort)
 {
     m_Server.iStop(true, false);
-    m_Server.Configure(m_iPort, 1000, "server"); // from here on always this one
+    m_iPort = iFreePort(); // the kernel gives it to nobody while the server pauses
+    m_Server.Configure(m_iPort, 1000, "server");
     ASSERT_EQ(0, m_Server.iCreateThread(true, kStartLimitMs));
     ASSERT_EQ(m_iPort, m_Server.iAwaitPort());
     for (int i = 0; i < 2; ++i) {
@@ -337,6 +338,7 @@ TEST_F(ASocketServer, TakesPeersOnAllIpv4AddressesOfTheMachine)
 TEST_F(ASocketServer, ListensOnAnotherAddressFromTheNextTimeOn)
 {
     m_Server.SetBindAddress("127.0.0.2");
+    m_Server.Configure(iFreePort(), 1000, "server"); // nobody has it at another address either
     CTcpPeer peer;
     ASSERT_TRUE(peer.bConnect(m_iPort)) << "it stays as it is while it listens";
     ASSERT_TRUE(bServes(peer));
@@ -352,7 +354,7 @@ TEST(ASocketServerOnOneAddress, RefusesPeersThatComeToAnother)
 {
     COpenServer server;
     server.SetBindAddress("127.0.0.1");
-    const int iPort = iStart(server);
+    const int iPort = iStart(server, iFreePort()); // nobody has it at another address
     CTcpPeer peer;
     EXPECT_FALSE(peer.bConnectTo("127.0.0.2", iPort));
     EXPECT_EQ(ECONNREFUSED, errno);
@@ -369,7 +371,7 @@ TEST(ASocketServerOnOneAddress, ServesPeersThatComeOverIpv6)
     const CLogLevel level;
     COpenServer server;
     server.SetBindAddress("::1");
-    const int iPort = iStart(server);
+    const int iPort = iStart(server, iFreePort()); // nobody has it at another address
     CTcpPeer peer;
     EXPECT_FALSE(peer.bConnectTo("127.0.0.1", iPort));
     ASSERT_TRUE(peer.bConnectTo("::1", iPort));
