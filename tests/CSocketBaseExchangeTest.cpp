@@ -470,12 +470,15 @@ TEST_F(ASocketExchange, IsNoneForTexts)
 TEST_F(ASocketExchange, DoesNotTakeATextForACommand)
 {
     auto exchange = std::async(std::launch::async, [this] { // without a request it does wait
-        return m_Endpoint.iExchangeAT(nullptr, "\x0A", nullptr, 0, nullptr, 300);
+        return m_Endpoint.iExchangeAT(nullptr, "\x0A", nullptr, 0, nullptr, kForEver);
     });
     ASSERT_TRUE(m_Endpoint.bAwaitPending());
     m_Peer.bSend(FrameBytes(CMD_COMMUN_PING) + FrameBytes(3000));
     EXPECT_EQ(CMD_COMMUN_PONG, ReceiveFrame(m_Peer).iCommand);
-    EXPECT_EQ(-7, exchange.get());
+    EXPECT_TRUE(bAwait([this] { return m_iHandled == 1; }));
+    EXPECT_EQ(-6, m_Endpoint.m_ExchangeResult) << "it awaits a text still";
+    m_Endpoint.Close();
+    EXPECT_EQ(-1, exchange.get());
 }
 
 TEST(AnExchangeInAHandler, IsRefused)

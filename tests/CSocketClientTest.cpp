@@ -385,6 +385,8 @@ TEST(ASocketClientThatNobodyAnswers, IsStoppedAllTheSame)
     ASSERT_EQ(0, getsockname(listener.iGet(), reinterpret_cast<sockaddr*>(&address), &length));
     ASSERT_EQ(0, listen(listener.iGet(), 0)); // holds one all the same
     ASSERT_TRUE(filler.bConnect(ntohs(address.sin_port)));
+    pollfd queued = {listener.iGet(), POLLIN, 0}; // only its last packet fills the queue
+    ASSERT_EQ(1, poll(&queued, 1, kAwaitLimitMs));
 
     COpenClient client;
     client.Configure(ntohs(address.sin_port), 100, "127.0.0.1");
