@@ -915,11 +915,11 @@ TEST_F(ADispatcher, IsDestroyedAndMadeAnewUnderPostingThreads)
             pDispatcher->iStop(random() % 2 == 0, !kSanitized && random() % 3 == 0);
         }
     }
+    EXPECT_TRUE(bAwait([&] { return lAccepted > 0; })); // by the last one, if none before
     bGoOn = false;
     for (std::thread& poster : posters) {
         poster.join();
     }
-    EXPECT_GT(lAccepted, 0);
     pDispatcher.reset();
     EXPECT_EQ(0, CCountedMsg::s_nAlive);
     EXPECT_EQ(nDescriptors, nOpenDescriptors());

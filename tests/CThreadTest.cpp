@@ -800,19 +800,19 @@ TEST_F(AThread, LogsAStopThatFindsAnotherUnderWay)
         return mayEnd.bPass() ? 0 : -1;
     };
     Start();
-    std::thread first([this] { EXPECT_EQ(0, m_Thread.iStop(true, false)); });
-    ASSERT_TRUE(bAwait([this] { return !m_Thread.m_bRun; })); // the first one is under way
-    ASSERT_TRUE(bAwait([this] {
-        const bool bHeld = m_Thread.m_StopLock.iTryLock(0) != 0;
-        if (!bHeld) {
-            m_Thread.m_StopLock.UnLock();
-        }
-        return bHeld;
-    }));
-    EXPECT_EQ(0, m_Thread.iStop(true, false));
+    std::atomic<int> nReturned{0};
+    const auto stop = [&] {
+        EXPECT_EQ(0, m_Thread.iStop(true, false));
+        ++nReturned;
+    };
+    std::thread first(stop);
+    std::thread second(stop);
+    EXPECT_TRUE(bAwait([&] { return nReturned == 1; })); // the other one waits for the thread
     EXPECT_EQ(1U, m_Log.Count(LOG_ERR, "iStop is running"));
     mayEnd.Open();
     first.join();
+    second.join();
+    EXPECT_EQ(1U, m_Log.Count(LOG_ERR, "iStop is running"));
     EXPECT_EQ(0U, m_Thread.iGetThreadId());
 }
 
