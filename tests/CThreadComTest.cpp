@@ -451,7 +451,7 @@ TEST_F(AThreadCom, IsNotEndedByTheEventOfAnEarlierAnswer)
     auto timed = std::async(std::launch::async, [this] {
         return m_Com.iExchange(nullptr, 0, nullptr, nullptr, 0, nullptr, 50);
     });
-    if (m_Com.bAwaitPending()) {
+    while (timed.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) {
         m_Com.m_EventRead.iSetEvent();
     }
     EXPECT_EQ(-7, timed.get());
