@@ -24,6 +24,8 @@ using namespace TestSupport;
 
 namespace
 {
+constexpr int kSeriesLimitMs = 4 * kAwaitLimitMs; // for processes or threads by the hundred
+
 /// @return Path of one of tests/programs/.
 std::string szProgram(const std::string& szName)
 {
@@ -202,7 +204,7 @@ int iForkWhileOthersLog(CLogger& logger, int nForks)
 TEST_F(ALogger, WritesInAChildThatWasForkedWhileOthersLog)
 {
     const ChildResult result =
-        RunInChild([] { return iForkWhileOthersLog(CThread::m_Logger, 50); });
+        RunInChild([] { return iForkWhileOthersLog(CThread::m_Logger, 50); }, kSeriesLimitMs);
     EXPECT_EQ(0, result.iExitCode) << result.szErrors;
     EXPECT_EQ(50U, m_Syslog.Count("end of a child"));
     EXPECT_EQ(50U, m_Syslog.Count("No such file or directory"));
@@ -210,11 +212,13 @@ TEST_F(ALogger, WritesInAChildThatWasForkedWhileOthersLog)
 
 TEST_F(ALogger, WritesInAChildThatWasForkedWhileOthersLogBesideThatOfTheProcess)
 {
-    const ChildResult result = RunInChild([] {
-        CLogger another;
-        another.Init("life-test");
-        return iForkWhileOthersLog(another, 50);
-    });
+    const ChildResult result = RunInChild(
+        [] {
+            CLogger another;
+            another.Init("life-test");
+            return iForkWhileOthersLog(another, 50);
+        },
+        kSeriesLimitMs);
     EXPECT_EQ(0, result.iExitCode) << result.szErrors;
     EXPECT_EQ(50U, m_Syslog.Count("end of a child"));
     EXPECT_EQ(50U, m_Syslog.Count("No such file or directory"));
@@ -287,8 +291,6 @@ int iCancelThreadsThatLog(void (*pBody)(std::atomic<int>&), int nThreads)
     return 0;
 }
 
-constexpr int kCancelLimitMs = 4 * kAwaitLimitMs;
-
 #if defined(__SANITIZE_THREAD__) || defined(__arm__)
 // The thread sanitizer gives each function something to clean up, so that a cancellation at any
 // instruction ends the process: in the test's functions, too. The unwind tables of 32-bit ARM are
@@ -312,7 +314,7 @@ TEST_F(ALogger, SurvivesTheCancellationOfThreadsThatLog)
                 },
                 300);
         },
-        kCancelLimitMs);
+        kSeriesLimitMs);
     EXPECT_FALSE(result.bTimedOut) << "a lock was left behind";
     EXPECT_EQ(0, result.iSignal) << result.szErrors;
     EXPECT_EQ(0, result.iExitCode) << result.szErrors;
@@ -334,7 +336,7 @@ TEST_F(ALogger, SurvivesTheCancellationOfThreadsThatDump)
                 },
                 300);
         },
-        kCancelLimitMs);
+        kSeriesLimitMs);
     EXPECT_FALSE(result.bTimedOut) << "a lock was left behind";
     EXPECT_EQ(0, result.iSignal) << result.szErrors;
     EXPECT_EQ(0, result.iExitCode) << result.szErrors;
@@ -376,7 +378,7 @@ TEST_F(ALogger, SurvivesTheCancellationOfTheLibrarysThreads)
             }
             return 0;
         },
-        kCancelLimitMs);
+        kSeriesLimitMs);
     EXPECT_FALSE(result.bTimedOut) << "a lock was left behind";
     EXPECT_EQ(0, result.iSignal) << result.szErrors;
     EXPECT_EQ(0, result.iExitCode) << result.szErrors;
