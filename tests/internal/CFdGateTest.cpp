@@ -144,6 +144,7 @@ TEST_F(AnFdGate, NeverLetsAThreadMeetAnotherFile)
         users.emplace_back([&] {
             while (bGo) {
                 const CFdPin pin(m_Gate, m_Slot);
+                std::this_thread::yield(); // the moment to lose it; and a round waits for no turn
                 char cByte = 's';
                 if (pin.iGet() != -1 && recv(pin.iGet(), &cByte, 1, MSG_DONTWAIT) == 1) {
                     iStrangers += cByte != 's' ? 1 : 0;
