@@ -86,7 +86,8 @@ TEST_F(AListener, ListensAtAnAddressOfEachFamily)
     ASSERT_EQ(0, m_Listener.iOpenTcp("127.0.0.1", 0));
     EXPECT_GT(m_Listener.iPort(), 0);
     EXPECT_TRUE(bReachedByIpv4(m_Listener));
-    ASSERT_EQ(0, m_Listener.iOpenTcp("::1", 0));
+    // A port that no other process has at the address of the other family.
+    ASSERT_EQ(0, m_Listener.iOpenTcp("::1", iFreePort()));
     EXPECT_TRUE(bReachedByIpv6(m_Listener));
     EXPECT_FALSE(m_Peer.bConnect(m_Listener.iPort()));
     ASSERT_EQ(0, m_Listener.iOpenTcp("::", 0));
@@ -118,8 +119,8 @@ TEST_F(AListener, LeavesAPortAloneThatIsListenedAt)
 
 TEST_F(AListener, TakesItsPortAgainThoughConnectionsAreLeft)
 {
-    ASSERT_EQ(0, m_Listener.iOpenTcp("127.0.0.1", 0));
-    const int iPort = m_Listener.iPort();
+    const int iPort = iFreePort(); // nobody is given it in the moment between close and open
+    ASSERT_EQ(0, m_Listener.iOpenTcp("127.0.0.1", iPort));
     ASSERT_TRUE(m_Peer.bConnect(iPort));
     CUniqueFd accepted;
     ASSERT_TRUE(bAwait([&] {
