@@ -155,7 +155,7 @@ TEST_F(ASocketReader, GivesNothingOfAConnectionWhoseNumberIsTakenWhileItIsBeingC
     const CUniqueFd firstPeer(m_iPeer); // these stay open, so that all lower numbers stay taken
     const CUniqueFd first(m_Slot.exchange(iConnectTo(peer)));
     const CUniqueFd formerListener(dup(m_iPeer));
-    const linger lingering = {1, 5}; // on, seconds: as endpoints have it
+    const linger lingering = {1, kAwaitLimitMs / 1000}; // on, seconds: until the peer's reset
     ASSERT_EQ(0, setsockopt(m_Slot, SOL_SOCKET, SO_LINGER, &lingering, sizeof(lingering)));
     const std::string szFlood(1024 * 1024, 'x');
     while (send(m_Slot, szFlood.data(), szFlood.size(), MSG_DONTWAIT) > 0) { // nobody reads it
