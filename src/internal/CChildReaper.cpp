@@ -1,6 +1,7 @@
 #include "internal/CChildReaper.h"
 
 #include "internal/CCancelGuard.h"
+#include "internal/CEndSignals.h"
 
 #include <cerrno>
 #include <pthread.h>
@@ -111,6 +112,7 @@ void CChildReaper::OnSignal(int)
 {
     const int iSavedErrno = errno;
     sem_post(&Get().m_wake);
+    CEndSignals::RecordChild();
     errno = iSavedErrno;
 }
 

@@ -15,11 +15,19 @@ constexpr time_t kSliceSec = 1; // a recorded signal is looked for at least this
 // What the handler touches: lock-free, and alive as long as the process.
 std::atomic<int> g_iEndSignal{0}; // recorded and not yet taken
 std::atomic<bool> g_bMonitoringAsked{false};
+std::atomic<bool> g_bChildEnded{false};
 std::atomic<CRunFlag*> g_pRun{nullptr};
 std::atomic<pthread_t> g_waiter{0}; // in iAwait()
 std::atomic<bool> g_bInstalled[3];  // by place in Handled()
 
 static_assert(std::atomic<CRunFlag*>::is_always_lock_free, "used in a signal handler");
+
+/// @return Whether this thread is in iAwait().
+bool bAwaitsHere()
+{
+    const pthread_t waiter = g_waiter;
+    return waiter != 0 && pthread_equal(waiter, pthread_self()) != 0;
+}
 
 void OnSignal(int iSignal)
 {
@@ -51,7 +59,10 @@ int iTakeRecorded()
     if (iEndSignal != 0) {
         return iEndSignal;
     }
-    return g_bMonitoringAsked.exchange(false) ? CEndSignals::iMonitoringSignal() : 0;
+    if (g_bMonitoringAsked.exchange(false)) {
+        return CEndSignals::iMonitoringSignal();
+    }
+    return g_bChildEnded.exchange(false) ? SIGCHLD : 0;
 }
 } // namespace
 
@@ -83,8 +94,15 @@ void CEndSignals::Restore(const CRunFlag* pRun)
         }
     }
     g_pRun = nullptr;
-    iTakeRecorded();
-    iTakeRecorded();
+    while (iTakeRecorded() != 0) {
+    }
+}
+
+void CEndSignals::RecordChild()
+{
+    if (bAwaitsHere()) { // between two slices; in the pause after a round nobody is told
+        g_bChildEnded = true;
+    }
 }
 
 int CEndSignals::iAwait(const sigset_t& signals)

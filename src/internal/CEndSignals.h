@@ -32,10 +32,14 @@ public:
 
     /**
      * @brief Waits for a signal of a set on the calling thread; one that a handler has recorded
-     *        before counts.
+     *        before counts, and so does the end of a child that RecordChild() was told meanwhile.
      * @return Its number.
      */
     static int iAwait(const sigset_t& signals);
+
+    /// For the handler of SIGCHLD: it may run on the waiting thread when that does not wait for a
+    /// moment. Does nothing elsewhere. Async-signal-safe.
+    static void RecordChild();
 
     /// Pauses once for @p iSeconds s; any signal cuts it short. None when the end is asked for.
     static void Pause(int iSeconds);

@@ -1,4 +1,5 @@
 #include "internal/CChildReaper.h"
+#include "internal/CEndSignals.h"
 
 #include "support/CChild.h"
 #include "support/CDeadline.h"
@@ -123,6 +124,23 @@ TEST_F(AChildReaper, HandlesTheSignalWithoutFlagsUntilItsEnd)
     EXPECT_EQ(0, action.sa_flags & (SA_RESTART | SA_NOCLDSTOP | SA_NOCLDWAIT | SA_SIGINFO));
     m_Reaper.Stop(this);
     EXPECT_EQ(SIG_DFL, Disposition(SIGCHLD));
+}
+
+TEST_F(AChildReaper, TellsTheThreadThatWaitsForSignalsOfAnEnd)
+{
+    sigset_t others;
+    sigemptyset(&others); // the handler takes what it waits for, as between two waits
+    const pthread_t waiter = pthread_self();
+    std::atomic<bool> bDone{false};
+    std::thread sender([&] {
+        while (!bDone) { // whenever the wait may begin
+            pthread_kill(waiter, SIGCHLD);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    EXPECT_EQ(SIGCHLD, CEndSignals::iAwait(others));
+    bDone = true;
+    sender.join();
 }
 
 TEST_F(AChildReaper, RestoresTheFormerHandler)

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <future>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <thread>
@@ -33,7 +34,7 @@ sigset_t Awaited()
 class COpenThread
 {
 public:
-    COpenThread() = default;
+    COpenThread() { m_Begun.get_future().wait(); } // the thread sanitizer drops signals before
     COpenThread(const COpenThread&) = delete;
     COpenThread& operator=(const COpenThread&) = delete;
     ~COpenThread()
@@ -45,7 +46,9 @@ public:
 
 private:
     std::atomic<bool> m_bRun{true};
+    std::promise<void> m_Begun;
     std::thread m_Thread{[this] {
+        m_Begun.set_value();
         while (m_bRun) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -194,6 +197,52 @@ TEST_F(AnEndSignal, CountsOnceThroughAnotherThread)
     }
     sender.join();
     EXPECT_EQ(20, nSeen);
+}
+
+/// The end of a child, of which its handler was told on a thread that does not wait at the moment.
+class AChildsEnd : public AnEndSignal
+{
+protected:
+    void SetUp() override
+    {
+        AnEndSignal::SetUp();
+        signal(SIGCHLD, [](int) { CEndSignals::RecordChild(); });
+        sigdelset(&m_Others, SIGCHLD); // so that the handler runs in the wait, too
+    }
+    void TearDown() override
+    {
+        signal(SIGCHLD, SIG_DFL);
+        AnEndSignal::TearDown();
+    }
+
+    sigset_t m_Others = m_Awaited;
+};
+
+TEST_F(AChildsEnd, IsToldToTheThreadThatWaitsForIt)
+{
+    const pthread_t waiter = pthread_self();
+    std::atomic<bool> bDone{false};
+    std::thread sender([&] {
+        while (!bDone) { // whenever the wait may begin
+            pthread_kill(waiter, SIGCHLD);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    EXPECT_EQ(SIGCHLD, CEndSignals::iAwait(m_Others));
+    bDone = true;
+    sender.join();
+}
+
+TEST_F(AChildsEnd, IsNothingToAThreadThatDoesNotWait)
+{
+    raise(SIGCHLD);
+    const pthread_t waiter = pthread_self();
+    std::thread sender([=] { pthread_kill(waiter, SIGTERM); });
+    EXPECT_EQ(SIGTERM, CEndSignals::iAwait(m_Others));
+    sender.join();
+    raise(SIGCHLD);
+    raise(CEndSignals::iMonitoringSignal()); // recorded, but looked for before the ends of children
+    EXPECT_EQ(CEndSignals::iMonitoringSignal(), CEndSignals::iAwait(m_Others));
 }
 
 TEST_F(AnEndSignal, IsNotTakenForAnyOther)
