@@ -180,7 +180,7 @@ TEST_F(APipe, WaitsOnAfterASignal)
         EXPECT_EQ(1, m_Pipe.iReadBytes(aRead, 1));
         bRead = true;
     });
-    EXPECT_TRUE(bAwait([&] { // the thread sanitizer puts one off that comes just before the wait
+    EXPECT_TRUE(bAwait([&] { // the thread sanitizer puts off what comes just before the wait
         pthread_kill(reader.native_handle(), SIGUSR1);
         return g_nSignals >= 20;
     }));

@@ -34,7 +34,7 @@ sigset_t Awaited()
 class COpenThread
 {
 public:
-    COpenThread() { m_Begun.get_future().wait(); } // the thread sanitizer drops signals before
+    COpenThread() { m_Begun.get_future().wait(); }
     COpenThread(const COpenThread&) = delete;
     COpenThread& operator=(const COpenThread&) = delete;
     ~COpenThread()
@@ -48,6 +48,7 @@ private:
     std::atomic<bool> m_bRun{true};
     std::promise<void> m_Begun;
     std::thread m_Thread{[this] {
+        WaitOnce();
         m_Begun.set_value();
         while (m_bRun) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));

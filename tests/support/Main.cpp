@@ -5,6 +5,7 @@
 #include "support/CSyslogReceiver.h"
 #include "support/PrivateDev.h"
 #include "support/PrivateProcesses.h"
+#include "support/Signals.h"
 
 #include <cstdlib>
 #include <exception>
@@ -32,6 +33,7 @@ int iRunTests()
         std::cerr << "cannot set up the private /dev of the tests: " << error.what() << '\n';
         return EXIT_FAILURE;
     }
+    TestSupport::WaitOnce();
     ::testing::UnitTest::GetInstance()->listeners().Append(
         new CFreshSyslog); // GoogleTest's to delete
     return RUN_ALL_TESTS();

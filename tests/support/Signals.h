@@ -3,6 +3,7 @@
 #pragma once
 
 #include <csignal>
+#include <ctime>
 
 namespace TestSupport
 {
@@ -14,5 +15,18 @@ inline handler_t Disposition(int iSignal)
     struct sigaction action = {};
     sigaction(iSignal, nullptr, &action);
     return action.sa_handler;
+}
+
+/**
+ * @brief Makes the calling thread one that signals can be sent to, for threads of tests.
+ *
+ * The thread sanitizer loses a signal that comes while a thread makes the first system call of its
+ * life that may block: it is making its list of signals then. The common main does this for the
+ * main thread.
+ */
+inline void WaitOnce()
+{
+    const timespec shortest{0, 1};
+    nanosleep(&shortest, nullptr);
 }
 } // namespace TestSupport
