@@ -130,17 +130,8 @@ TEST_F(AChildReaper, TellsTheThreadThatWaitsForSignalsOfAnEnd)
 {
     sigset_t others;
     sigemptyset(&others); // the handler takes what it waits for, as between two waits
-    const pthread_t waiter = pthread_self();
-    std::atomic<bool> bDone{false};
-    std::thread sender([&] {
-        while (!bDone) { // whenever the wait may begin
-            pthread_kill(waiter, SIGCHLD);
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
+    const CRepeatedSignal ends(SIGCHLD);
     EXPECT_EQ(SIGCHLD, CEndSignals::iAwait(others));
-    bDone = true;
-    sender.join();
 }
 
 TEST_F(AChildReaper, RestoresTheFormerHandler)

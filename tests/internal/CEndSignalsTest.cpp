@@ -221,17 +221,8 @@ protected:
 
 TEST_F(AChildsEnd, IsToldToTheThreadThatWaitsForIt)
 {
-    const pthread_t waiter = pthread_self();
-    std::atomic<bool> bDone{false};
-    std::thread sender([&] {
-        while (!bDone) { // whenever the wait may begin
-            pthread_kill(waiter, SIGCHLD);
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
+    const CRepeatedSignal ends(SIGCHLD);
     EXPECT_EQ(SIGCHLD, CEndSignals::iAwait(m_Others));
-    bDone = true;
-    sender.join();
 }
 
 TEST_F(AChildsEnd, IsNothingToAThreadThatDoesNotWait)
@@ -272,17 +263,8 @@ TEST_F(AnEndSignal, LeavesNoPauseToBeMade)
 
 TEST_F(AnEndSignal, CutsAPauseShort)
 {
-    const pthread_t waiter = pthread_self();
-    std::atomic<bool> bDone{false};
-    std::thread sender([&] {
-        while (!bDone) { // whenever the pause may begin
-            pthread_kill(waiter, SIGTERM);
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
+    const CRepeatedSignal asked(SIGTERM);
     CEndSignals::Pause(600);
-    bDone = true;
-    sender.join();
 }
 
 TEST_F(AnEndSignal, IsPausedForWithoutAnySignal)

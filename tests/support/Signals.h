@@ -1,9 +1,13 @@
 /// @file
-/// @brief What becomes of the signals of this process.
+/// @brief What becomes of the signals of this process, and signals for its threads.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <ctime>
+#include <pthread.h>
+#include <thread>
 
 namespace TestSupport
 {
@@ -29,4 +33,31 @@ inline void WaitOnce()
     const timespec shortest{0, 1};
     nanosleep(&shortest, nullptr);
 }
+
+/// @brief Sends the thread that makes it a signal every ms of its life, for waits that may begin
+///        at any time. pthread_kill(3).
+class CRepeatedSignal
+{
+public:
+    explicit CRepeatedSignal(int iSignal)
+        : m_Sender([this, iSignal, receiver = pthread_self()] {
+              while (!m_bEnd) {
+                  pthread_kill(receiver, iSignal);
+                  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+              }
+          })
+    {
+    }
+    CRepeatedSignal(const CRepeatedSignal&) = delete;
+    CRepeatedSignal& operator=(const CRepeatedSignal&) = delete;
+    ~CRepeatedSignal()
+    {
+        m_bEnd = true;
+        m_Sender.join();
+    }
+
+private:
+    std::atomic<bool> m_bEnd{false};
+    std::thread m_Sender;
+};
 } // namespace TestSupport
